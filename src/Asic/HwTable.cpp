@@ -5,6 +5,23 @@
 #include <fmt/format.h>
 
 namespace Asic {
+namespace {
+
+// The ticket of one write; withdrawn unless the write was handed over: a write that threw
+// never completes, and its ticket must not hold the handle's completion back forever.
+struct IssuedWrite {
+   explicit IssuedWrite(WriteResponseSm* sm)
+       : sm(sm), ticket(sm ? sm->writeIssued() : WriteResponseSm::kNoTicket) {}
+   ~IssuedWrite() {
+      if (ticket != WriteResponseSm::kNoTicket) sm->writeWithdrawn(ticket);
+   }
+   void done() noexcept { ticket = WriteResponseSm::kNoTicket; }
+
+   WriteResponseSm* sm;  // not owned
+   WriteResponseSm::Ticket ticket;
+};
+
+}  // namespace
 
 void HwTable::checkIndex(Index index) const {
    if (index >= numEntries_) {
@@ -19,12 +36,16 @@ void HwTable::entryWrite(Index index, Words words) {
       throw std::invalid_argument(fmt::format("hardware table {}: entry of {} words, expected {}",
                                               name_, words.size(), entryWords_));
    }
-   doWrite(index, words, writeResponseSm_ ? writeResponseSm_->writeIssued() : WriteResponseSm::kNoTicket);
+   IssuedWrite w(writeResponseSm_);
+   doWrite(index, words, w.ticket);
+   w.done();
 }
 
 void HwTable::entryClear(Index index) {
    checkIndex(index);
-   doClear(index, writeResponseSm_ ? writeResponseSm_->writeIssued() : WriteResponseSm::kNoTicket);
+   IssuedWrite w(writeResponseSm_);
+   doClear(index, w.ticket);
+   w.done();
 }
 
 void IndexUserTracker::update(Index index, Op op) {

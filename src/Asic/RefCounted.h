@@ -22,6 +22,35 @@ class RefCounted {
 
    std::uint32_t refCount() const noexcept { return refCount_; }
 
+   // Keeps an object alive across a section that may drop its other owners, without
+   // running lastUserGone() for a count that was already at its last owner when pinned.
+   class Pin {
+    public:
+      explicit Pin(const RefCounted* obj) noexcept : obj_(obj), pinnedAt_(obj->refCount_) {
+         obj_->addRef();
+      }
+      ~Pin() {
+         std::uint32_t left = obj_->decrement();
+         if (left == 0) {
+            delete obj_;
+         } else if (left == 1 && pinnedAt_ > 1) {
+            const_cast<RefCounted*>(obj_)->lastUserGone();
+         }
+      }
+      Pin(const Pin&) = delete;
+      Pin& operator=(const Pin&) = delete;
+
+    private:
+      const RefCounted* obj_;
+      std::uint32_t pinnedAt_;
+   };
+
+   // Drops one count without running lastUserGone(): for an owner that lets go of an object
+   // it has already detached, so that no clean-up starts for a key that is gone.
+   static void releaseQuietly(const RefCounted* p) noexcept {
+      if (p && p->decrement() == 0) delete p;
+   }
+
    friend void intrusive_ptr_add_ref(const RefCounted* p) noexcept { p->addRef(); }
    friend void intrusive_ptr_release(const RefCounted* p) { p->release(); }
 
@@ -39,13 +68,14 @@ class RefCounted {
          ++refCount_;
       }
    }
-   void release() const {
-      std::uint32_t left;
+   std::uint32_t decrement() const noexcept {
       if (threadSafeRefCounts) {
-         left = std::atomic_ref<std::uint32_t>(refCount_).fetch_sub(1, std::memory_order_acq_rel) - 1;
-      } else {
-         left = --refCount_;
+         return std::atomic_ref<std::uint32_t>(refCount_).fetch_sub(1, std::memory_order_acq_rel) - 1;
       }
+      return --refCount_;
+   }
+   void release() const {
+      std::uint32_t left = decrement();
       if (left == 0) {
          delete this;
       } else if (left == 1) {

@@ -23,6 +23,9 @@ void SwTableBase::EntryHandle::entryStateIs(EntryState state) {
    ASIC_ASSERT_MSG(static_cast<std::uint8_t>(state) < kEntryStateCount, "invalid entry state");
    if (entryState_ == static_cast<std::uint8_t>(state)) return;
    entryState_ = static_cast<std::uint8_t>(state);
+   // An observer or watcher may drop the last other reference while being told: the
+   // dispatch below still needs the handle.
+   Pin pin(this);
    publish("entryState");
    notifyWatchers(state);
    handleEntryState();
@@ -51,8 +54,8 @@ void SwTableBase::EntryHandle::watcherDel(EntryHandleWatcher* watcher) noexcept 
 void SwTableBase::EntryHandle::notifyWatchers(EntryState state) {
    if (!watchers_) return;
    // A watcher may resolve and unregister itself while being told: walk a copy, and keep
-   // this handle alive for the walk.
-   Ptr<EntryHandle> self(this);
+   // this handle alive for the walk (a pin: the walk itself is not a user).
+   Pin pin(this);
    auto watchers = *watchers_;
    for (EntryHandleWatcher* w : watchers) {
       if (watchers_ && std::find(watchers_->begin(), watchers_->end(), w) != watchers_->end()) {

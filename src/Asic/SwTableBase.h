@@ -4,6 +4,7 @@
 // without knowing the table.
 
 #include <cstdint>
+#include <functional>
 #include <string_view>
 #include <vector>
 
@@ -42,7 +43,7 @@ class SwTableBase : public RefCounted, public Observable {
 
    class EntryHandle : public RefCounted, public Observable {
     public:
-      EntryState entryState() const noexcept { return checked(entryState_); }
+      EntryState entryState() const { return checked(entryState_); }
       // Stores the state, publishes it, tells watchers and dispatches handleEntryState().
       // An unchanged state is not dispatched again; use entryStateRepublish() for that.
       void entryStateIs(EntryState state);
@@ -109,6 +110,9 @@ class SwTableBase : public RefCounted, public Observable {
 };
 
 std::string_view toString(SwTableBase::EntryState state) noexcept;
+
+// The client's completion callback, carried in each entry value.
+using WriteResponseFn = std::function<void(SwTableBase::EntryState)>;
 
 }  // namespace Asic
 

@@ -28,6 +28,26 @@ std::vector<std::string_view> splitItems(std::string_view text, char sep) {
    return out;
 }
 
+// Items and the levels of one item are both separated by ',' ("Foo/0,5,Bar/1"): a piece
+// without '/' that starts with a digit continues the previous item's levels (handle names
+// never start with a digit).
+std::vector<std::string_view> splitSetting(std::string_view setting) {
+   std::vector<std::string_view> items;
+   for (std::string_view piece : splitItems(setting, ',')) {
+      bool continues = !items.empty() && items.back().find('/') != std::string_view::npos &&
+                       piece.find('/') == std::string_view::npos && piece.front() >= '0' &&
+                       piece.front() <= '9';
+      if (continues) {
+         // Both views point into `setting`: widen the previous one over this piece.
+         const char* begin = items.back().data();
+         items.back() = std::string_view(begin, std::size_t(piece.data() + piece.size() - begin));
+      } else {
+         items.push_back(piece);
+      }
+   }
+   return items;
+}
+
 bool parseInt(std::string_view text, int* out) {
    auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), *out);
    return ec == std::errc() && ptr == text.data() + text.size();
@@ -54,7 +74,12 @@ Registry& registry() {
 
 std::uint16_t parseLevels(std::string_view levels, std::string_view item) {
    std::uint16_t mask = 0;
-   for (std::string_view part : splitItems(levels, ',')) {
+   auto parts = splitItems(levels, ',');
+   if (parts.empty()) {
+      throw std::invalid_argument(
+          fmt::format("trace setting: no levels after '/' in '{}' (expected 0-9)", item));
+   }
+   for (std::string_view part : parts) {
       auto dash = part.find('-');
       int lo = 0;
       int hi = 0;
@@ -100,7 +125,7 @@ namespace Trace {
 std::uint16_t levelsFor(std::string_view setting, std::string_view handleName) {
    std::uint16_t mask = 0;
    const std::string name(handleName);
-   for (std::string_view item : splitItems(setting, ',')) {
+   for (std::string_view item : splitSetting(setting)) {
       auto slash = item.rfind('/');
       std::string pattern(item.substr(0, slash));
       std::uint16_t levels = slash == std::string_view::npos

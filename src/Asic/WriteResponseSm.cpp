@@ -38,4 +38,16 @@ void WriteResponseSm::writeCompleted(Ticket ticket, bool ok) {
    eh->hwWriteCompleted(!failed);
 }
 
+void WriteResponseSm::writeWithdrawn(Ticket ticket) {
+   auto it = tickets_.find(ticket);
+   if (it == tickets_.end()) return;
+   const SwTableBase::EntryHandle* eh = it->second.get();
+   auto out = perHandle_.find(eh);
+   if (out != perHandle_.end()) {
+      out->second.failed = true;
+      if (--out->second.writes == 0) perHandle_.erase(out);
+   }
+   tickets_.erase(it);  // last: may release the handle
+}
+
 }  // namespace Asic

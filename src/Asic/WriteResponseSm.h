@@ -37,6 +37,9 @@ class WriteResponseSm : public RefCounted {
    Ticket writeIssued();
    // Hardware layer: the write of `ticket` completed.
    void writeCompleted(Ticket ticket, bool ok);
+   // Hardware layer: the write of `ticket` was refused before it reached the chip (the
+   // layer threw). No response will come; the handle's other writes, if any, now fail.
+   void writeWithdrawn(Ticket ticket);
 
    std::size_t outstandingWrites() const noexcept { return tickets_.size(); }
    std::size_t outstandingWrites(const SwTableBase::EntryHandle* eh) const;

@@ -1,0 +1,1294 @@
+#pragma once
+// The generic engine: one instantiation per table drives the life of every entry, from
+// commit through resolution of the entries it needs, index allocation, the hardware write
+// and its response, to removal (the delete dance); plus set-up, restart reconciliation,
+// the stale purge and iteration. A table supplies only what differs (its key, entry,
+// dependent fields, Util and traits: see SwTableTraits.h) and derives from
+// SwTable::TableImpl, which holds the collections and forwards every operation here.
+//
+// Ownership: the table's entryHandle collection holds one count of each handle; clients
+// and dependent unresolved entries hold the others; a commit holds one more on the
+// handle itself, given up by entryRemove. When only the table's count is left,
+// lastUserGone() starts cleanup().
+
+#include <cstdlib>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include <absl/container/btree_map.h>
+#include <absl/container/flat_hash_map.h>
+#include <fmt/format.h>
+
+#include "Asic/Assert.h"
+#include "Asic/Errors.h"
+#include "Asic/Hash.h"
+#include "Asic/IndexAllocator.h"
+#include "Asic/Kestrel.h"
+#include "Asic/Trace.h"
+#include "Asic/TypeRegistry.h"
+#include "AsicSwTable/SwTable.h"
+#include "AsicSwTable/SwTableTraits.h"
+
+// Engine trace: "<table type> : <operation><text>".
+#define SWT_TRACE(level, op, text, ...)                                                  \
+   ASIC_TRACE(trace(), level, "{} : {}" text, T::kTypeName, op __VA_OPT__(, ) __VA_ARGS__)
+
+namespace Asic {
+
+// ---------------------------------------------------------------------------------------
+// Per-table entry handle: key, back-pointer to the table, pending-entry queue; forwards
+// its notifications to the table's engine.
+template <typename Table, typename Key, typename Entry>
+class SwTableEntryHandleT : public SwTable::EntryHandle {
+ public:
+   SwTableEntryHandleT(const Key& key, Table* table) : key_(key) { swTableIs(table); }
+
+   const Key& key() const noexcept { return key_; }
+   Table* swTable() const noexcept { return swTable_; }  // not owned; null when detached
+   void swTableIs(Table* table) {
+      if (swTable_ == table) return;
+      swTable_ = table;
+      publish("swTable");
+   }
+
+   // Superseded values whose programming is still open, oldest first.
+   void pendingEntryEnq(const Entry& entry) {
+      if (!pending_) pending_ = std::make_unique<std::deque<Entry>>();
+      pending_->push_back(entry);
+      publish("pendingEntry");
+   }
+   void pendingEntryDeq() {
+      if (!pending_ || pending_->empty()) return;
+      pending_->pop_front();
+      ++pendingFirstSeq_;
+      publish("pendingEntry");
+   }
+   void pendingEntryDelAll() {
+      while (pending_ && !pending_->empty()) pendingEntryDeq();
+      pending_.reset();
+   }
+   std::size_t pendingEntries() const noexcept { return pending_ ? pending_->size() : 0; }
+   Entry pendingEntryFront() const { return pendingAt(0); }
+   Entry pendingEntryBack() const { return pendingAt(pendingEntries() - 1); }
+   // Positional access by sequence number: the n-th value ever queued on this handle.
+   bool pendingEntryHas(std::uint32_t seq) const noexcept {
+      return seq >= pendingFirstSeq_ && seq - pendingFirstSeq_ < pendingEntries();
+   }
+   Entry pendingEntry(std::uint32_t seq) const {
+      if (!pendingEntryHas(seq)) {
+         throw std::out_of_range(fmt::format("pendingEntry: no element with sequence number {}", seq));
+      }
+      return (*pending_)[seq - pendingFirstSeq_];
+   }
+
+   Index hwIndexForDependentField() const override;
+   void handleEntryState() override;
+   void handleResolvedEntryState() override;
+   void handleIndexSuggestions(IndexSet indices) override;
+   void cleanup() override;
+
+ protected:
+   void lastUserGone() override;
+
+ private:
+   Entry pendingAt(std::size_t i) const {
+      if (i >= pendingEntries()) throw std::out_of_range("pendingEntry: queue is empty");
+      return (*pending_)[i];
+   }
+
+   Key key_;
+   Table* swTable_ = nullptr;
+   std::unique_ptr<std::deque<Entry>> pending_;  // allocated on first use: usually empty
+   std::uint32_t pendingFirstSeq_ = 0;
+};
+
+// Per-table unresolved entry: the committed value and the handles it waits for.
+template <typename Table, typename Key, typename Entry>
+class SwTableUnresolvedEntryT : public SwTable::UnresolvedEntry {
+ public:
+   SwTableUnresolvedEntryT(const Key& key, Table* table) : key_(key), swTable_(table) {}
+   const Key& key() const noexcept { return key_; }
+   const Entry& entry() const noexcept { return entry_; }
+   void entryIs(const Entry& entry) { entry_ = entry; }
+
+ protected:
+   void doResolve() override;
+   void doFailedNeededEntry() override;
+
+ private:
+   Key key_;
+   Table* swTable_;  // not owned: the table owns this entry
+   Entry entry_;
+};
+
+// The hardware hooks of one table, implemented by the plug-in that knows the chip.
+template <typename T>
+class SwTableUtilT : public SwTable::Util {
+ public:
+   using Util::Util;
+   using Key = typename T::Key;
+   using Entry = typename T::Entry;
+
+   // Writes the key's resolved value at the index; an empty value clears the entry.
+   virtual void hwTableEntryIs(T& table, Index hwIndex, const Key& key) = 0;
+   // Removes the entry at the index.
+   virtual void hwTableEntryDel(T& table, Index hwIndex) = 0;
+   // True when the hardware entry at the index equals `entry`.
+   virtual bool compareHwEntries(T& table, Index hwIndex, const Entry& entry) = 0;
+   // Reads every valid hardware entry into the table's synced entries.
+   virtual void syncEntries(HwTable* hwTable, T& table) = 0;
+   // Value of a dependent field as a hardware index of the needed table.
+   virtual Index dependentFieldValueToHwIndex(Index value) const { return value; }
+   // Index a dependent table writes for one of this table's handles.
+   virtual Index hwIndexForDependentField(const SwTableBase::EntryHandle* eh) const {
+      return SwTableBase::getHwEntryIndex(eh);
+   }
+};
+
+// ---------------------------------------------------------------------------------------
+template <typename T>
+class SwTable::Accessor {
+ public:
+   using Key = typename T::Key;
+   using Entry = typename T::Entry;
+   using EntryHandle = typename T::EntryHandle;
+   using UnresolvedEntry = typename T::UnresolvedEntry;
+   using Util = typename T::Util;
+   using EntryType = SwTable::EntryHandle::EntryType;
+   using State = SwTableBase::EntryState;
+   using Status = SwTable::ReconciliationStatus;
+
+   explicit Accessor(T* swTable) noexcept : swTable_(swTable) {}
+
+   static const TraceHandle& trace() {
+      static const TraceHandle& handle = traceHandle(T::kTypeName);
+      return handle;
+   }
+   static const TypeDescriptor& keyType() { return vixType<Key>(); }
+
+   // --- commit, reference and resolution -----------------------------------------------
+   Ptr<EntryHandle> entryCommit(const Key& key, const Entry& entry) {
+      return commit(key, entry, false, "entryCommit");
+   }
+   Ptr<EntryHandle> entryRef(const Key& key, const Entry& entry) {
+      return commit(key, entry, true, "entryRef");
+   }
+
+   Ptr<EntryHandle> entryWontProgram(const Key& key) {
+      Ptr<EntryHandle> eh = swTable_->entryHandleIs(key, swTable_);
+      typeCommitted(eh.get());
+      eh->entryStateIs(State::wontProgram);
+      return eh;
+   }
+
+   // The key's value: the resolved one if present, else the one waiting for resolution.
+   std::optional<Entry> entryIfExists(const Key& key) const {
+      if (const auto* resolved = swTable_->resolvedEntry(key); resolved && resolved->has_value()) {
+         return **resolved;
+      }
+      if (const auto* ue = swTable_->unresolvedEntry(key)) return ue->entry();
+      return std::nullopt;
+   }
+   Entry entry(const Key& key) const {
+      auto value = entryIfExists(key);
+      if (!value) {
+         throw std::out_of_range(fmt::format("{}: no entry for key {}", T::kTypeName, key));
+      }
+      return *value;
+   }
+   bool entryHas(const Key& key) const { return entryIfExists(key).has_value(); }
+   const EntryHandle* entryWeakRef(const Key& key) const { return swTable_->entryHandle(key); }
+   bool entryInHwTable(const Key& key) const {
+      const auto* resolved = swTable_->resolvedEntry(key);
+      const EntryHandle* eh = swTable_->entryHandle(key);
+      if (!resolved || !resolved->has_value() || !eh || isExhausted(eh->hwIndex())) return false;
+      State s = eh->resolvedEntryState();
+      return s == State::success || s == State::indexReconciled;
+   }
+
+   void initUnresolvedEntry(UnresolvedEntry* ue, const Entry& entry) {
+      ue->entryIs(entry);
+      SWT_TRACE(6, "initUnresolvedEntry", ": key:{}", ue->key());
+      initUnresolvedEntry(ue);
+   }
+
+   void initUnresolvedEntry(UnresolvedEntry* ue) {
+      T::forEachNeededEntryHandle(ue->entry(), [ue](const SwTableBase::EntryHandle* needed) {
+         ue->neededEntryHandleSmIs(Ptr<const SwTableBase::EntryHandle>(needed));
+      });
+      // A new value makes earlier suggestions for the key meaningless.
+      if (const EntryHandle* eh = swTable_->entryHandle(ue->key())) {
+         if (auto* helper = swTable_->indexHelper(eh)) helper->indexDelAll();
+      }
+      if (ue->neededEntryHandleSms() == 0) doResolve(ue);
+   }
+
+   void doResolve(UnresolvedEntry* ue) {
+      ASIC_ASSERT_TEXT(ue->neededEntryHandleSms() == 0, "ue->neededEntryHandleSms() == 0",
+                       "function should not have been called");
+      RefCounted::Pin pin(ue);
+      const Key key = ue->key();
+      EntryHandle* eh = swTable_->entryHandle(key);
+      if (const auto* resolved = swTable_->resolvedEntry(key); resolved && resolved->has_value()) {
+         if (eh) eh->pendingEntryEnq(**resolved);
+      }
+      Entry value = ue->entry();
+      T::resolveDependentFields(value);
+      SWT_TRACE(6, "doResolve", ": key:{}", key);
+      bool changed = setResolvedEntry(key, std::move(value));
+      swTable_->unresolvedEntryDel(key);
+      // An equal value programs nothing; tell the client where its key already stands
+      // rather than leaving it at the `unresolved` of its commit.
+      eh = swTable_->entryHandle(key);
+      if (!changed && eh && eh->entryState() == State::unresolved) {
+         State rs = eh->resolvedEntryState();
+         if (rs == State::success || rs == State::indexReconciled) eh->entryStateIs(rs);
+      }
+   }
+
+   // Returns whether the value changed (and so reached handleEntry).
+   bool setResolvedEntry(const Key& key, std::optional<Entry> value) {
+      return swTable_->resolvedEntryIs(key, std::move(value));
+   }
+
+   // --- programming and write responses ------------------------------------------------
+   void handleEntry(const Key& key)
+      requires(!Trait::hasRemoteAllocator<T>)
+   {
+      SWT_TRACE(6, "handleEntry", " key: {}, configReplayComplete: {}", key,
+                swTable_->configReplayComplete());
+      Util* util = swTable_->utilIfExists();
+      const auto* resolved = swTable_->resolvedEntry(key);
+      if (resolved) {
+         if (swTable_->configReplayComplete() || !resolved->has_value()) {
+            programHwEntry(key, State::inProgress);
+            return;
+         }
+         handleReconciliation(key);
+         return;
+      }
+      hwTableEntryDel(util, key, doRetrieveHwIndex(key));
+   }
+
+   void programHwEntry(const Key& key, State entryState) {
+      SWT_TRACE(8, "programHwEntry", " key: {}, entryState:{}", key, entryState);
+      EntryHandle* eh = swTable_->entryHandle(key);
+      std::optional<RefCounted::Pin> pin;
+      if (eh) {
+         pin.emplace(eh);
+         eh->entryStateIs(entryState);
+         eh->resolvedEntryStateIs(entryState);
+      }
+      const auto* resolved = swTable_->resolvedEntry(key);
+      const bool hasValue = resolved && resolved->has_value();
+      Index hwIndex = invalidIndex;
+      if (hasValue) {
+         hwIndex = allocator()->newIndexForKey(keyType(), &key, allocatorUser());
+      } else if (auto held = doRetrieveHwIndex(key)) {
+         hwIndex = *held;  // withdrawing a value never needs a new index
+      }
+      traceHwIndex(hwIndex);
+      if (Util* util = swTable_->utilIfExists()) {
+         if (isExhausted(hwIndex)) {
+            ASIC_ASSERT_TEXT(entryState != State::indexReconciled,
+                             "entryState != indexReconciled()", "");
+         } else {
+            swTable_->reconciledIndexIs(entryState == State::indexReconciled);
+            SWT_TRACE(8, "hwTableEntryIs", " : key: {}", key);
+            hwTableEntryIs(util, key, hwIndex);
+         }
+      }
+      if ((eh = swTable_->entryHandle(key))) eh->hwIndexIs(hwIndex);
+      doCompleteEntryHandleForTesting(key);
+   }
+
+   void traceHwIndex(Index hwIndex) {
+      SWT_TRACE(8, "traceHwIndex", " Acquired hwIndex : {}", hwIndex);
+   }
+
+   void hwTableEntryIs(Util* util, const Key& key, std::optional<Index> hwIndex) {
+      if (!util || !hwIndex || isExhausted(*hwIndex)) return;
+      const auto* resolved = swTable_->resolvedEntry(key);
+      const bool hasValue = resolved && resolved->has_value();
+      const bool alreadyInHw = swTable_->reconciledIndex() && swTable_->syncedEntry(*hwIndex);
+      if (!alreadyInHw) {
+         const std::uint8_t mode = swTable_->indexUserMode();
+         if (hasValue) {
+            if (mode == 0) {
+               util->updateHwIndexRefCountTracker(swTable_->hwTable(), *hwIndex,
+                                                  IndexUserTracker::taken);
+            } else if (mode == 1) {
+               util->updateHwIndexRefCountTracker(swTable_->hwTable(), *hwIndex,
+                                                  IndexUserTracker::takenAgain);
+            }
+         } else {
+            ASIC_ASSERT_TEXT(mode == 2, "false", "");
+            util->updateHwIndexRefCountTracker(swTable_->hwTable(), *hwIndex,
+                                               IndexUserTracker::releasedByDelete);
+         }
+      }
+      EntryHandle* eh = swTable_->entryHandle(key);
+      {
+         WriteResponseSm::WriteContext context(swTable_->writeResponseSm(), eh);
+         util->hwTableEntryIs(*swTable_, *hwIndex, key);
+      }
+      // Without write responses the write is done when the call returns.
+      if (eh && !swTable_->hwResponseNeeded() && !Detail::publishEntryHandleProgrammedState()) {
+         eh->resolvedEntryStateIs(State::success);
+      }
+   }
+
+   void hwTableEntryDel(Util* util, const Key& key, std::optional<Index> hwIndex) {
+      if (!hwIndex || isExhausted(*hwIndex)) {
+         SWT_TRACE(8, "hwTableEntryDel", "No entry in HwTable for this key. Skip delete");
+         return;
+      }
+      SWT_TRACE(8, "hwTableEntryDel", ": Deleting entry at key:{}", key);
+      if (util) {
+         util->updateHwIndexRefCountTracker(swTable_->hwTable(), *hwIndex,
+                                            IndexUserTracker::released);
+         util->hwTableEntryDel(*swTable_, *hwIndex);
+      }
+      if (auto* alloc = swTable_->indexAllocator()) {
+         alloc->releaseIndexFromTable(keyType(), &key, allocatorUser());
+      }
+   }
+
+   // The index the key holds: the allocator's record, else the handle's last index.
+   std::optional<Index> doRetrieveHwIndex(const Key& key) const {
+      if (auto* alloc = swTable_->indexAllocator()) {
+         if (auto index = alloc->indexForKey(keyType(), &key)) return index;
+      }
+      if (const EntryHandle* eh = swTable_->entryHandle(key)) return eh->hwIndex();
+      return std::nullopt;
+   }
+
+   void handleEntryState(EntryHandle* eh, const Key& key) {
+      const State state = eh->entryState();
+      SWT_TRACE(8, "handleEntryState", " entryhandle state: {} at key : {}", state, key);
+      const bool inDeletion = eh->entryType() == EntryType::inDeletion;
+      switch (state) {
+         case State::unresolved:
+            break;
+         case State::inProgress:
+         case State::indexReconciled:
+            if (!inDeletion) executeWriteResponseFn(eh, key);
+            break;
+         case State::wontProgram:
+            ASIC_ASSERT_TEXT(!inDeletion, "entryHandle->entryType() != EntryHandle::inDeletion()", "");
+            break;
+         case State::success:
+            executeWriteResponseFn(eh, key);
+            break;
+         case State::failedNeededEntry:
+         case State::programFailed:
+            ASIC_ASSERT_TEXT(!inDeletion, "entryHandle->entryType() != EntryHandle::inDeletion()", "");
+            executeWriteResponseFn(eh, key);
+            break;
+      }
+      SWT_TRACE(8, "handleEntryState", " entryhandle state: COMPLETE  {} at key : {}", state, key);
+   }
+
+   void executeWriteResponseFn(EntryHandle* eh, const Key& key) {
+      SWT_TRACE(8, "executeWriteResponseFn", " entryhandle type: {}", eh->entryType());
+      ASIC_ASSERT_TEXT(eh->entryType() == EntryType::referenceOnly ||
+                           eh->entryType() == EntryType::committed,
+                       "entryHandle->entryType() == EntryHandle::referenceOnly() || "
+                       "entryHandle->entryType() == EntryHandle::committed()",
+                       "");
+      const Entry value = entryIfExists(key).value_or(Entry{});
+      const auto& tableFn = swTable_->writeResponseCallback();
+      if (value.writeResponseFn && tableFn) raise_callback_exception();
+      if (value.writeResponseFn) {
+         value.writeResponseFn(eh->entryState());
+      } else if (tableFn) {
+         tableFn(eh, key);
+      }
+   }
+
+   void doCompleteEntryHandleForTesting(const Key& key) {
+      if (!Detail::publishEntryHandleProgrammedState()) return;
+      EntryHandle* eh = swTable_->entryHandle(key);
+      if (!eh) return;
+      RefCounted::Pin pin(eh);
+      auto hwIndex = doRetrieveHwIndex(key);
+      if (hwIndex) eh->hwIndexIs(*hwIndex);
+      eh->resolvedEntryStateIs(hwIndex && isExhausted(*hwIndex) ? State::programFailed
+                                                                 : State::success);
+   }
+
+   // --- removal and the delete dance ---------------------------------------------------
+   void entryRemove(const Key& key) {
+      EntryHandle* eh = swTable_->entryHandle(key);
+      const std::uint32_t refCnt = eh ? eh->refCount() : 0;
+      SWT_TRACE(6, "entryRemove", ": key:{}, entryType:{}, refCnt:{}", key,
+                eh ? eh->entryType() : EntryType::none, refCnt);
+      if (!eh || eh->entryType() != EntryType::committed) {
+         SWT_TRACE(6, "entryRemove", " : Found no committed entry at key : {}, refCnt:{}", key,
+                   refCnt);
+         return;
+      }
+      SWT_TRACE(6, "entryRemove", " : Removing entry at key : {}", key);
+      if (swTable_->unresolvedEntry(key)) swTable_->unresolvedEntryDel(key);
+      eh->entryTypeIs(EntryType::referenceOnly);
+      intrusive_ptr_release(eh);  // the commit's own count; may start cleanup at once
+   }
+
+   void cleanup(EntryHandle* eh) {
+      if (eh->swTable() != swTable_ || swTable_->entryHandle(eh->key()) != eh) return;
+      // Already waiting for the hardware to confirm its delete.
+      if (eh->entryType() == EntryType::inDeletion) return;
+      RefCounted::Pin pin(eh);
+      const Key key = eh->key();
+      eh->doAmendReferences();
+      SWT_TRACE(6, "cleanup", " : entryhandle cleanup, eh : {}, key :{}, refCnt:{}",
+                fmt::ptr(eh), key, eh->refCount());
+      if (swTable_->unresolvedEntry(key)) swTable_->unresolvedEntryDel(key);
+      if (eh->resolvedEntryState() == State::unresolved && !swTable_->cleanupThroughDeleteDance()) {
+         finishCleanup(eh, key);
+         return;
+      }
+      ASIC_ASSERT_TEXT(swTable_->entryHandleHas(key), "swTable_->entryHandleHas( key )", "");
+      ASIC_ASSERT_TEXT(eh->entryType() == EntryType::referenceOnly,
+                       "eh->entryType() == EntryHandle::referenceOnly()", "unexpected entryType");
+      const bool programmed =
+          !isExhausted(eh->hwIndex()) && eh->resolvedEntryState() == State::success;
+      if (const auto* resolved = swTable_->resolvedEntry(key); resolved && resolved->has_value()) {
+         eh->pendingEntryEnq(**resolved);
+         setResolvedEntry(key, std::nullopt);
+      }
+      if (swTable_->entryHandle(key) != eh) {
+         // The withdrawal completed at once (no write response awaited): dance is over.
+         SWT_TRACE(6, "cleanup", " delete dance complete, key : {}", key);
+         return;
+      }
+      if (programmed) {
+         SWT_TRACE(6, "cleanup", " begin delete dance, key : {}", key);
+         eh->entryTypeIs(EntryType::inDeletion);
+         eh->entryStateIs(State::unresolved);
+         ASIC_ASSERT_TEXT(eh->resolvedEntryState() == State::inProgress,
+                          "eh->resolvedEntryState() == inProgress()", "");
+         eh->entryStateIs(State::inProgress);
+         return;
+      }
+      finishCleanup(eh, key);
+   }
+
+   void handleResolvedEntryState(EntryHandle* eh) {
+      const State rs = eh->resolvedEntryState();
+      const State entryState = eh->entryState();
+      if (rs == State::inProgress || rs == State::indexReconciled) {
+         eh->entryStateIs(rs);
+         return;
+      }
+      const Key key = eh->key();
+      ASIC_ASSERT_TEXT(swTable_->entryHandle(key) == eh, "swTable_->entryHandleHas( key )", "");
+      RefCounted::Pin pin(eh);
+      const auto* resolved = swTable_->resolvedEntry(key);
+      if (!resolved || !resolved->has_value()) {
+         ASIC_ASSERT_TEXT(rs == State::success, "resolvedEntryState == success()", "");
+         deleteResolvedEntry(key);
+         eh->pendingEntryDelAll();
+         if (entryState == State::inProgress) {
+            eh->swTableIs(nullptr);
+            swTable_->entryHandleDel(key);
+         }
+         return;
+      }
+      eh->pendingEntryDelAll();
+      switch (entryState) {
+         case State::inProgress:
+         case State::indexReconciled:
+            eh->entryStateIs(rs);
+            break;
+         case State::unresolved:
+         case State::failedNeededEntry:
+            ASIC_ASSERT_TEXT(rs == State::success, "resolvedEntryState == success()", "");
+            break;
+         default:
+            ASIC_ASSERT_TEXT(false, "entryState == unresolved() || entryState == failedNeededEntry()",
+                             "");
+      }
+   }
+
+   void deleteResolvedEntry(const Key& key) { swTable_->resolvedEntryDel(key); }
+
+   void markFailedNeededEntry(UnresolvedEntry* ue) {
+      SWT_TRACE(6, "markFailedNeededEntry", ": key:{}", ue->key());
+      if (EntryHandle* eh = swTable_->entryHandle(ue->key())) {
+         eh->entryStateIs(State::failedNeededEntry);
+      }
+   }
+
+   // --- set-up -------------------------------------------------------------------------
+   void doCreateAllocator() {
+      swTable_->doInitAllocator();
+      if (HwTable* hw = swTable_->hwTable()) {
+         const std::uint32_t used = allocator()->totalUsedIndices();
+         for (std::uint32_t i = 0; i < used; ++i) hw->usedEntriesInc(1);
+      }
+   }
+
+   template <typename A>
+   void initAllocator() {
+      ASIC_TRACE(trace(), 6, "Creating shared allocator of type: {} for table: {}", A::kTypeName,
+                 T::kTypeName);
+      ASIC_ASSERT_TEXT(swTable_ != nullptr, "table", "");
+      Ptr<GenericIndexAllocator> shalloc =
+          GenericIndexAllocatorStub::createSharedAllocator(A::kTypeName, T::kTypeName, allocatorUser());
+      ASIC_ASSERT_TEXT(shalloc != nullptr, "shalloc", "");
+      swTable_->indexAllocatorIs(shalloc);
+      shalloc->setTableAttr(allocatorUser(), "indexAllocator");
+      if (swTable_->numEntries() > shalloc->numEntries()) shalloc->numEntriesIs(swTable_->numEntries());
+      swTable_->doReserveIndicesAtTableInit();
+   }
+
+   // --- restart: sync, reconciliation and suggestions ----------------------------------
+   void syncEntries() {
+      SWT_TRACE(6, "syncEntries", ": swTableInstPtr:{}", swTable_->tableText());
+      ASIC_ASSERT_TEXT(swTable_->hwTable() != nullptr, "hwTable()", "");
+      ASIC_ASSERT_TEXT(swTable_->resolvedEntrys() == 0, "!swTable_->resolvedEntrys()", "");
+      if (Util* util = swTable_->utilIfExists()) util->syncEntries(swTable_->hwTable(), *swTable_);
+   }
+
+   Status reconcileSyncedEntry(const Key& key) {
+      if (swTable_->syncedEntries().empty()) return Status::nothingToReconcile;
+      auto index = allocator()->indexForKey(keyType(), &key);
+      if (!index || isExhausted(*index)) {
+         return isExhausted(reconcileUsingIndexHelper(key, true)) ? Status::notReconciled
+                                                                  : Status::reconciled;
+      }
+      const auto* resolved = swTable_->resolvedEntry(key);
+      ASIC_ASSERT_TEXT(resolved && resolved->has_value(), "resolvedEntry", "no resolved entry");
+      if (!swTable_->syncedEntry(*index)) return Status::nothingToReconcile;
+      Util* util = swTable_->utilIfExists();
+      return util && util->compareHwEntries(*swTable_, *index, **resolved)
+                 ? Status::reconciled
+                 : Status::indexReconciledContentsDiffer;
+   }
+
+   bool reconcileUsingHwIndex(const Key& key, Index hwIndex, bool compareHw)
+      requires(!Trait::hasRemoteAllocator<T>)
+   {
+      if (!allocator()->keyForIndex(hwIndex, keyType()).empty() ||
+          !allocator()->isIndexFree(hwIndex)) {
+         SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} not free", hwIndex);
+         return false;
+      }
+      const auto* resolved = swTable_->resolvedEntry(key);
+      ASIC_ASSERT_TEXT(resolved && resolved->has_value(), "resolvedEntry", "no resolved entry");
+      const Entry entry = **resolved;
+      if (compareHw) {
+         Util* util = swTable_->utilIfExists();
+         if (!util || !util->compareHwEntries(*swTable_, hwIndex, entry)) return false;
+      }
+      const bool recovered = allocator()->recoverIndexForKey(hwIndex, keyType(), &key, allocatorUser());
+      ASIC_ASSERT_TEXT(recovered,
+                       "swTable_->indexAllocator()->recoverIndexForKey( hwIndex, vixType< "
+                       "EntryKeyT >(), &key )",
+                       "");
+      return true;
+   }
+
+   Index reconcileUsingIndexHelper(const Key& key, bool compareHw) {
+      EntryHandle* eh = swTable_->entryHandle(key);
+      SwTable::IndexHelper* helper = eh ? swTable_->indexHelper(eh) : nullptr;
+      if (!helper) {
+         SWT_TRACE(8, "reconcileUsingIndexHelper", "Index suggestions unavailable");
+         return invalidIndex;
+      }
+      SWT_TRACE(8, "reconcileUsingIndexHelper", ": key:{}", key);
+      const std::vector<Index> candidates = helper->indices();
+      for (Index candidate : candidates) {
+         if (compareHw && !swTable_->syncedEntry(candidate)) continue;
+         if (!reconcileUsingHwIndex(key, candidate, compareHw)) continue;
+         swTable_->indexHelperDel(eh);
+         SWT_TRACE(8, "reconcileUsingIndexHelper", ": Deleting syncedEntry reconciled at index:{}",
+                   candidate);
+         swTable_->syncedEntryDel(candidate);
+         SWT_TRACE(8, "reconcileUsingIndexHelper", ": Reconciled key:{}, hwIndex:{}", key, candidate);
+         return candidate;
+      }
+      return invalidIndex;
+   }
+
+   void handleIndexSuggestions(EntryHandle* eh, IndexSet indices)
+      requires(!Trait::hasRemoteAllocator<T>)
+   {
+      ASIC_ASSERT_TEXT(eh->entryState() == State::unresolved, "eh->entryState() == unresolved()", "");
+      ASIC_ASSERT_TEXT(swTable_->configReplayInProgress(), "swTable_->configReplayInProgress()", "");
+      SWT_TRACE(8, "handleIndexSuggestions", ": eh:{}, key:{}, numSuggestions:{}", fmt::ptr(eh),
+                eh->key(), indices.size());
+      RefCounted::Pin pin(eh);
+      swTable_->indexHelperIs(eh);
+      Util* util = swTable_->utilIfExists();
+      for (Index value : indices) {
+         const Index hwIndex = util ? util->dependentFieldValueToHwIndex(value) : value;
+         SwTable::IndexHelper* helper = swTable_->indexHelper(eh);
+         if (!helper) break;  // reconciled meanwhile
+         if (helper->indexHas(hwIndex)) continue;
+         helper->indexIs(hwIndex);
+         SWT_TRACE(8, "handleIndexSuggestions", ": hwIndex:{}", hwIndex);
+         if (processIndexSuggestion(eh, hwIndex)) break;
+      }
+   }
+
+   bool processIndexSuggestion(EntryHandle* eh, Index hwIndex) {
+      const Key key = eh->key();
+      const auto* resolved = swTable_->resolvedEntry(key);
+      if (!resolved || !resolved->has_value()) {
+         if (const auto* ue = swTable_->unresolvedEntry(key)) {
+            const Entry* synced = swTable_->syncedEntry(hwIndex);
+            suggestIndexToNeededTable(ue->entry(), synced ? *synced : Entry{});
+         }
+         return false;
+      }
+      SWT_TRACE(8, "processIndexSuggestion", ": eh:{}, key:{}, hwIndex:{}", fmt::ptr(eh), key,
+                hwIndex);
+      if (!reconcileUsingHwIndex(key, hwIndex, true)) return false;
+      swTable_->updateStatistic(Status::reconciled);
+      SWT_TRACE(8, "processIndexSuggestion", ": Deleting syncedEntry reconciled at index:{}", hwIndex);
+      swTable_->syncedEntryDel(hwIndex);
+      swTable_->indexHelperDel(eh);
+      eh->hwIndexIs(hwIndex);
+      eh->entryStateIs(State::indexReconciled);
+      eh->resolvedEntryStateIs(State::indexReconciled);
+      doCompleteEntryHandleForTesting(key);
+      return true;
+   }
+
+   void suggestIndexToNeededTable(const Entry& swEntry, const Entry& syncedEntry) {
+      SWT_TRACE(8, "suggestIndexToNeededTable", ": swEntry:{}, syncedEntry:{}", swEntry, syncedEntry);
+      T::forEachDependentField(swEntry, syncedEntry,
+                               [](const SwTableBase::EntryHandle* needed, Index value) {
+                                  if (needed) {
+                                     SwTableBase::suggestIndicesToNeededEntryHandle(needed, {value});
+                                  }
+                               });
+   }
+
+   // --- end of restart, purge and bulk removal -----------------------------------------
+   void doInitComplete() {
+      SWT_TRACE(9, "doInitComplete", "");
+      swTable_->configReplayCompleteIs(true);
+      // Keys whose programming was held back during the replay.
+      std::vector<Key> heldBack;
+      for (const auto& [key, eh] : swTable_->entryHandles()) {
+         const auto* resolved = swTable_->resolvedEntry(key);
+         if (eh->entryState() == State::unresolved && resolved && resolved->has_value()) {
+            heldBack.push_back(key);
+         }
+      }
+      for (const Key& key : heldBack) {
+         EntryHandle* eh = swTable_->entryHandle(key);
+         if (!eh) continue;
+         RefCounted::Pin pin(eh);
+         if (swTable_->indexHelper(eh)) {
+            auto index = allocator()->indexForKey(keyType(), &key);
+            if (!index) {
+               const Index found = reconcileUsingIndexHelper(key, false);
+               if (!isExhausted(found)) {
+                  eh->hwIndexIs(found);
+                  programHwEntry(key, State::indexReconciled);
+                  swTable_->updateStatistic(Status::indexReconciledContentsDiffer);
+                  continue;
+               }
+            } else {
+               eh->hwIndexIs(*index);
+               if (swTable_->syncedEntry(*index)) {
+                  programHwEntry(key, State::indexReconciled);
+                  swTable_->updateStatistic(Status::indexReconciledContentsDiffer);
+               } else {
+                  swTable_->reconciledIndexIs(false);
+                  programHwEntry(key, State::inProgress);
+                  swTable_->updateStatistic(Status::nothingToReconcile);
+               }
+               continue;
+            }
+         }
+         swTable_->reconciledIndexIs(false);
+         programHwEntry(key, State::inProgress);
+         swTable_->updateStatistic(Status::nothingToReconcile);
+      }
+      swTable_->reconciledIndexIs(false);
+   }
+
+   void purgeStaleEntries() {
+      syncedEntryRemoveAll();
+      ASIC_TRACE(traceHandle(kSwTableStatTrace), 0, "{} : purgeStaleEntries {}", T::kTypeName,
+                 toString(swTable_->reconciliationStats()));
+   }
+
+   void syncedEntryRemoveAll() {
+      Kestrel::record(T::kTypeName.data(), "syncedEntryRemoveAll");
+      SWT_TRACE(8, "syncedEntryRemoveAll", "");
+      if (!swTable_->utilIfExists() || swTable_->syncedEntries().empty()) {
+         SWT_TRACE(8, "syncedEntryRemoveAll", "No stale entries in syncedEntryColl");
+         return;
+      }
+      handleStaleEntries();
+      swTable_->syncedEntryDelAll();
+   }
+
+   void handleStaleEntries()
+      requires(Trait::isUnknownIndexTable<T> && !Trait::getBlockSizeDefinedByUser<T>)
+   {
+      Util* util = swTable_->utilIfExists();
+      GenericIndexAllocator* alloc = allocator();
+      for (const auto& [hwIndex, entry] : swTable_->syncedEntries()) {
+         util->updateHwIndexRefCountTracker(swTable_->hwTable(), hwIndex, IndexUserTracker::released);
+         const bool assigned = alloc->isIndexAssigned(hwIndex, keyType());
+         if (!assigned || alloc->isIndexVerticallyShared(hwIndex, keyType())) {
+            util->hwTableEntryDel(*swTable_, hwIndex);
+            SWT_TRACE(8, "handleStaleEntries", ": Deleting stale hwEntry at index:{}", hwIndex);
+            swTable_->updateStatistic(Status::staleEntryDeleted);
+            if (!assigned) {
+               SWT_TRACE(8, "handleStaleEntries", ": Marking index available in allocator");
+               alloc->markIndexAvailable(hwIndex, keyType());
+            }
+         } else {
+            SWT_TRACE(8, "handleStaleEntries", " Skip index:{}", hwIndex);
+         }
+      }
+   }
+
+   void entryRemoveAll() {
+      Kestrel::record(T::kTypeName.data(), "entryRemoveAll");
+      SWT_TRACE(5, "entryRemoveAll", "");
+      entryHandleRemoveAll(false);
+      ASIC_ASSERT_TEXT(!swTable_->utilIfExists() || swTable_->syncedEntries().empty(),
+                       "!swTable_->utilIfExists() || swTable_->syncedEntries().empty()",
+                       "Should call purgeStaleEntries instead");
+   }
+
+   // `skipMarked` leaves out handles whose resolved-entry state byte is set (keys that
+   // reached programming), so that only keys still waiting are removed.
+   void entryHandleRemoveAll(bool skipMarked) {
+      std::vector<Key> keys;
+      keys.reserve(swTable_->entryHandles().size());
+      for (const auto& [key, eh] : swTable_->entryHandles()) {
+         if (skipMarked && eh->resolvedEntryState() != State::unresolved) continue;
+         keys.push_back(key);
+      }
+      for (const Key& key : keys) entryRemove(key);
+   }
+
+   // Detaches every handle and forgets every value and the allocator. The hardware is left
+   // as it is, so that a restarted agent finds it (entryRemoveAll is what removes entries).
+   void cleanup() {
+      SWT_TRACE(6, "cleanup", "");
+      std::vector<Ptr<EntryHandle>> handles;
+      handles.reserve(swTable_->entryHandles().size());
+      for (const auto& [key, eh] : swTable_->entryHandles()) handles.push_back(eh);
+      for (const auto& eh : handles) {
+         eh->swTableIs(nullptr);
+         eh->doAmendReferences();
+      }
+      swTable_->unresolvedEntryDelAll();
+      swTable_->resolvedEntryDelAll();
+      swTable_->indexHelperDelAll();
+      if (swTable_->indexAllocator()) {
+         ASIC_TRACE(trace(), 6, "Trying to delete shared allocator for table:{}",
+                    swTable_->tableText());
+         GenericIndexAllocatorStub::freeSharedAllocator(
+             swTable_->indexAllocator()->allocatorTypeName(), T::kTypeName, allocatorUser());
+         swTable_->indexAllocatorIs(nullptr);
+         if (swTable_->utilIfExists() && swTable_->hwTable()) {
+            IndexUserTracker::Stub::deleteTracker(swTable_->hwTable(), swTable_->unit(), false);
+         }
+      }
+      // Handles still held by clients live on, detached; the table lets go of its counts
+      // only after every handle is detached, so no clean-up runs against a half-empty table.
+      swTable_->entryHandleDelAll();
+   }
+
+ private:
+   // The table as the allocator knows it (one pointer for every call).
+   const void* allocatorUser() const noexcept { return static_cast<const SwTable*>(swTable_); }
+   GenericIndexAllocator* allocator() const {
+      GenericIndexAllocator* alloc = swTable_->indexAllocator();
+      ASIC_ASSERT_MSG(alloc != nullptr, "table has no index allocator: doCreateAllocator first");
+      return alloc;
+   }
+
+   // A handle becomes committed once; the commit holds its own count until entryRemove.
+   static void typeCommitted(EntryHandle* eh) {
+      if (eh->entryType() == EntryType::committed) return;
+      intrusive_ptr_add_ref(eh);
+      eh->entryTypeIs(EntryType::committed);
+   }
+   static void typeReferenced(EntryHandle* eh) {
+      if (eh->entryType() == EntryType::none || eh->entryType() == EntryType::inDeletion) {
+         eh->entryTypeIs(EntryType::referenceOnly);
+      }
+   }
+   Ptr<EntryHandle> expectEntryHandle(const Key& key) {
+      EntryHandle* eh = swTable_->entryHandle(key);
+      ASIC_ASSERT_TEXT(eh != nullptr, fmt::format("expect a valid entryHandle, key: {}", key), "");
+      return Ptr<EntryHandle>(eh);
+   }
+
+   Ptr<EntryHandle> commit(const Key& key, const Entry& entry, bool ref, const char* op) {
+      auto type = [ref](EntryHandle* eh) { ref ? typeReferenced(eh) : typeCommitted(eh); };
+      if (UnresolvedEntry* ue = swTable_->unresolvedEntry(key)) {
+         if (ue->entry() == entry) {
+            SWT_TRACE(6, op, " : Found existing unresolved entry at key : {}, entry : {}", key, entry);
+            Ptr<EntryHandle> eh = expectEntryHandle(key);
+            type(eh.get());
+            return eh;
+         }
+         SWT_TRACE(6, op, " : Deleting existing unresolved entry at key : {}", key);
+         swTable_->unresolvedEntryDel(key);
+      }
+      if (const auto* resolved = swTable_->resolvedEntry(key);
+          resolved && resolved->has_value() && **resolved == entry) {
+         SWT_TRACE(6, op, " : Found already existing resolved entry at key : {}, entry : {}", key,
+                   entry);
+         Ptr<EntryHandle> eh = expectEntryHandle(key);
+         type(eh.get());
+         eh->entryStateRepublish();
+         return eh;
+      }
+      if (ref) {
+         SWT_TRACE(6, op, " : Writing new entry at key: {}, entry:{}", key, entry);
+      } else {
+         SWT_TRACE(6, op, " : Writing new entry at key: {}", key);
+      }
+      Ptr<EntryHandle> eh = swTable_->entryHandleIs(key, swTable_);
+      type(eh.get());
+      eh->entryStateIs(State::unresolved);
+      Ptr<UnresolvedEntry> ue = swTable_->unresolvedEntryIs(key);
+      initUnresolvedEntry(ue.get(), entry);
+      return eh;
+   }
+
+   // Restart: the replayed key is matched against what the hardware holds.
+   void handleReconciliation(const Key& key) {
+      const Status status = reconcileSyncedEntry(key);
+      SWT_TRACE(8, "handleEntry", ": reconcileStatus: {}, configReplayComplete:{}",
+                static_cast<int>(status), swTable_->configReplayComplete());
+      const auto hwIndex = doRetrieveHwIndex(key);
+      EntryHandle* eh = swTable_->entryHandle(key);
+      std::optional<RefCounted::Pin> pin;
+      if (eh) pin.emplace(eh);
+      auto takeOverIndex = [&](bool complete) {
+         if (eh) {
+            swTable_->indexHelperDel(eh);
+            if (hwIndex) eh->hwIndexIs(*hwIndex);
+            if (complete) {
+               eh->entryStateIs(State::indexReconciled);
+               eh->resolvedEntryStateIs(State::indexReconciled);
+               doCompleteEntryHandleForTesting(key);
+            }
+         }
+      };
+      auto dropSynced = [&] {
+         ASIC_ASSERT_TEXT(hwIndex && !isExhausted(*hwIndex), "!isExhausted( hwIndex )", "");
+         SWT_TRACE(8, "handleEntry", ": Deleting syncedEntry reconciled at index:{}", *hwIndex);
+         swTable_->syncedEntryDel(*hwIndex);
+      };
+      switch (status) {
+         case Status::notReconciled:
+            return;
+         case Status::reconciled:
+            takeOverIndex(true);
+            if (swTable_->syncedEntry(hwIndex.value_or(invalidIndex))) dropSynced();
+            break;
+         case Status::indexReconciledContentsDiffer:
+            takeOverIndex(false);
+            programHwEntry(key, State::indexReconciled);
+            dropSynced();
+            break;
+         case Status::nothingToReconcile:
+            programHwEntry(key, State::inProgress);
+            break;
+         default:
+            ASIC_ASSERT_TEXT(false, "false", "unexpected reconciliation status");
+      }
+      swTable_->reconciledIndexIs(false);
+      swTable_->updateStatistic(status);
+   }
+
+   void finishCleanup(EntryHandle* eh, const Key& key) {
+      deleteResolvedEntry(key);
+      eh->swTableIs(nullptr);
+      swTable_->entryHandleDel(key);
+      SWT_TRACE(6, "cleanup", " delete dance complete, key : {}", key);
+      ASIC_ASSERT_TEXT(!swTable_->entryHandleHas(key), "!swTable_->entryHandleHas( key )", "");
+   }
+
+   T* swTable_;  // not owned
+};
+
+// ---------------------------------------------------------------------------------------
+// Walks the unresolved entries, then the resolved entries that hold a value.
+template <typename T>
+class SwTable::EntryIteratorConst {
+ public:
+   using Key = typename T::Key;
+   using Entry = typename T::Entry;
+   using UnresolvedIt = typename T::UnresolvedEntryMap::const_iterator;
+   using ResolvedIt = typename T::ResolvedEntryMap::const_iterator;
+
+   explicit EntryIteratorConst(const T* table) : swTable_(table) {
+      startUnresolved(table->unresolvedEntries().begin());
+   }
+   EntryIteratorConst(const T* table, const Key& key) : swTable_(table) {
+      auto it = table->unresolvedEntries().find(key);
+      if (it != table->unresolvedEntries().end()) {
+         position_ = it;
+         return;
+      }
+      startResolved(table->resolvedEntries().find(key));
+   }
+
+   // 0 at the end, 1 in the unresolved map, 2 in the resolved map.
+   std::uint8_t tag() const noexcept {
+      return position_.valueless_by_exception() ? 255 : static_cast<std::uint8_t>(position_.index());
+   }
+   bool done() const noexcept { return position_.index() == 0; }
+   explicit operator bool() const noexcept { return !done(); }
+
+   const Key& key() const {
+      if (position_.index() == 1) return std::get<1>(position_)->first;
+      return std::get<2>(position_)->first;
+   }
+   // The entry: the value waiting for resolution, or the resolved value.
+   const Entry& entry() const {
+      if (position_.index() == 1) return std::get<1>(position_)->second->entry();
+      return *std::get<2>(position_)->second;
+   }
+   bool resolved() const noexcept { return position_.index() == 2; }
+
+   void advance() {
+      switch (position_.index()) {
+         case 1: startUnresolved(std::next(std::get<1>(position_))); break;
+         case 2: startResolved(std::next(std::get<2>(position_))); break;
+         default: break;
+      }
+   }
+   EntryIteratorConst& operator++() {
+      advance();
+      return *this;
+   }
+
+ private:
+   void startUnresolved(UnresolvedIt it) {
+      if (it != swTable_->unresolvedEntries().end()) {
+         position_ = it;
+      } else {
+         startResolved(swTable_->resolvedEntries().begin());
+      }
+   }
+   void startResolved(ResolvedIt it) {
+      const auto end = swTable_->resolvedEntries().end();
+      while (it != end && !it->second.has_value()) ++it;
+      if (it == end) {
+         position_ = std::monostate{};
+      } else {
+         position_ = it;
+      }
+   }
+
+   const T* swTable_;
+   std::variant<std::monostate, UnresolvedIt, ResolvedIt> position_;
+};
+
+// ---------------------------------------------------------------------------------------
+// What every table built on the engine has: its collections with their attribute-style
+// mutators, its Util and the client operations, each forwarding to Accessor<Derived>.
+// `UtilT` may be incomplete here (it derives from SwTableUtilT<Derived>).
+template <typename Derived, typename KeyT, typename EntryT, typename UtilT,
+          typename Base = SwUnknownIndexTable>
+class SwTableImpl : public Base {
+ public:
+   using Key = KeyT;
+   using Entry = EntryT;
+   using Util = UtilT;
+   using EntryHandle = SwTableEntryHandleT<Derived, KeyT, EntryT>;
+   using UnresolvedEntry = SwTableUnresolvedEntryT<Derived, KeyT, EntryT>;
+   using EntryHandleMap = absl::flat_hash_map<Key, Ptr<EntryHandle>, SeededHash<Key, 0x2545F491u>>;
+   using UnresolvedEntryMap =
+       absl::flat_hash_map<Key, Ptr<UnresolvedEntry>, SeededHash<Key, 0x9E3779B9u>>;
+   using ResolvedEntryMap =
+       absl::flat_hash_map<Key, std::optional<Entry>, SeededHash<Key, 0x85EBCA6Bu>>;
+   using SyncedEntryMap = absl::btree_map<Index, Entry>;
+   using WriteResponseCallback = std::function<void(const EntryHandle*, const Key&)>;
+   using EntryIteratorConst = SwTable::EntryIteratorConst<Derived>;
+
+   static_assert(SwTableKey<KeyT>, "a table key needs kTypeName, ==, a formatter and a hash");
+   static_assert(SwTableEntry<EntryT>,
+                 "a table entry needs identity ==, a formatter and a writeResponseFn member");
+
+   // --- client operations --------------------------------------------------------------
+   Ptr<const EntryHandle> entryCommit(const Key& key, const Entry& entry) {
+      return accessor().entryCommit(key, entry);
+   }
+   Ptr<const EntryHandle> entryRef(const Key& key, const Entry& entry) {
+      return accessor().entryRef(key, entry);
+   }
+   Ptr<const EntryHandle> entryWontProgram(const Key& key) { return accessor().entryWontProgram(key); }
+   void entryRemove(const Key& key) { accessor().entryRemove(key); }
+   void entryRemoveAll() { accessor().entryRemoveAll(); }
+   Entry entry(const Key& key) const { return caccessor().entry(key); }
+   bool entryHas(const Key& key) const { return caccessor().entryHas(key); }
+   bool entryInHwTable(const Key& key) const { return caccessor().entryInHwTable(key); }
+   const EntryHandle* entryWeakRef(const Key& key) const { return caccessor().entryWeakRef(key); }
+   EntryIteratorConst entryIteratorConst() const { return EntryIteratorConst(self()); }
+   EntryIteratorConst entryIteratorConst(const Key& key) const {
+      return EntryIteratorConst(self(), key);
+   }
+   void handleEntry(const Key& key) { accessor().handleEntry(key); }
+
+   // --- life cycle ---------------------------------------------------------------------
+   void doCreateAllocator() { accessor().doCreateAllocator(); }
+   virtual void doInitAllocator() {
+      accessor().template initAllocator<typename Derived::SharedAllocator>();
+      this->indexAllocator()->initializedIs(true);
+   }
+   virtual void doReserveIndicesAtTableInit() { this->indexAllocator()->reserveIndices(0, 0); }
+   void syncEntries() { accessor().syncEntries(); }
+   void doInitComplete() { accessor().doInitComplete(); }
+   void purgeStaleEntries() { accessor().purgeStaleEntries(); }
+   void cleanup() { accessor().cleanup(); }
+
+   void doMountHwTableMountInfo(Statebase::MountGroup& mountGroup) override {
+      SwTable::Util::doMountHwTableMountInfo(Util::kTypeName, mountGroup, "");
+   }
+   void doMountHwTableRecoveryStatus(Statebase::MountGroup& mountGroup) override {
+      SwTable::Util::doMountHwTableRecoveryStatus(Util::kTypeName, mountGroup, "");
+   }
+   void doRecoverHwTable(HwTableRecoverGroup& recoverGroup, UnitId unitId,
+                         Statebase::EntityManager& entityManager,
+                         const ChipInfo& chipInfo) override {
+      SwTable::Util::doRecoverHwTable(Derived::kTypeName, recoverGroup, unitId, entityManager,
+                                      chipInfo, "");
+   }
+   std::string_view typeName() const noexcept override { return Derived::kTypeName; }
+   std::string tableText() const {
+      return fmt::format("{}(entries={}, handles={})", Derived::kTypeName, this->numEntries(),
+                         entryHandles_.size());
+   }
+
+   // --- Util -----------------------------------------------------------------------------
+   Util* utilIfExists() const noexcept { return util_.get(); }
+   Util& util() const {
+      ASIC_ASSERT_MSG(util_ != nullptr, "table has no Util");
+      return *util_;
+   }
+   void utilIs(Ptr<Util> util) { util_ = std::move(util); }
+
+   // Table-level write-response callback, for clients that do not put one in each value.
+   const WriteResponseCallback& writeResponseCallback() const noexcept { return callback_; }
+   void writeResponseCallbackIs(WriteResponseCallback callback) { callback_ = std::move(callback); }
+
+   // --- collections --------------------------------------------------------------------
+   const EntryHandleMap& entryHandles() const noexcept { return entryHandles_; }
+   EntryHandle* entryHandle(const Key& key) const {
+      auto it = entryHandles_.find(key);
+      return it == entryHandles_.end() ? nullptr : it->second.get();
+   }
+   bool entryHandleHas(const Key& key) const { return entryHandles_.contains(key); }
+   Ptr<EntryHandle> entryHandleIs(const Key& key, Derived* table) {
+      if (table != self()) {
+         throw std::logic_error(fmt::format("{}: entry handle of key {} re-instantiated for another table",
+                                            Derived::kTypeName, key));
+      }
+      auto [it, inserted] = entryHandles_.try_emplace(key);
+      if (inserted) it->second = entryHandleFactory(key, table);
+      return it->second;
+   }
+   static Ptr<EntryHandle> entryHandleFactory(const Key& key, Derived* table) {
+      return makePtr<EntryHandle>(key, table);
+   }
+   void entryHandleDel(const Key& key) {
+      auto it = entryHandles_.find(key);
+      if (it == entryHandles_.end()) return;
+      EntryHandle* eh = it->second.detach();
+      entryHandles_.erase(it);
+      this->indexHelperDel(eh);
+      eh->swTableIs(nullptr);
+      RefCounted::releaseQuietly(eh);  // no clean-up for a key that is gone
+   }
+   void entryHandleDelAll() {
+      EntryHandleMap handles = std::move(entryHandles_);
+      entryHandles_.clear();
+      this->indexHelperDelAll();
+      for (auto& [key, eh] : handles) {
+         eh->swTableIs(nullptr);
+         RefCounted::releaseQuietly(eh.detach());
+      }
+   }
+
+   const UnresolvedEntryMap& unresolvedEntries() const noexcept { return unresolvedEntries_; }
+   UnresolvedEntry* unresolvedEntry(const Key& key) const {
+      auto it = unresolvedEntries_.find(key);
+      return it == unresolvedEntries_.end() ? nullptr : it->second.get();
+   }
+   Ptr<UnresolvedEntry> unresolvedEntryIs(const Key& key) {
+      auto [it, inserted] = unresolvedEntries_.try_emplace(key);
+      if (inserted) it->second = makePtr<UnresolvedEntry>(key, self());
+      return it->second;
+   }
+   void unresolvedEntryDel(const Key& key) {
+      auto it = unresolvedEntries_.find(key);
+      if (it == unresolvedEntries_.end()) return;
+      Ptr<UnresolvedEntry> ue = std::move(it->second);
+      unresolvedEntries_.erase(it);
+   }
+   void unresolvedEntryDelAll() {
+      UnresolvedEntryMap entries = std::move(unresolvedEntries_);
+      unresolvedEntries_.clear();
+   }
+
+   const ResolvedEntryMap& resolvedEntries() const noexcept { return resolvedEntries_; }
+   std::size_t resolvedEntrys() const noexcept { return resolvedEntries_.size(); }
+   const std::optional<Entry>* resolvedEntry(const Key& key) const {
+      auto it = resolvedEntries_.find(key);
+      return it == resolvedEntries_.end() ? nullptr : &it->second;
+   }
+   bool resolvedEntryHas(const Key& key) const { return resolvedEntries_.contains(key); }
+   // Stores a changed value and hands the key to the engine; an equal value (identity
+   // equality; two empty values are equal) changes nothing. Returns whether it changed.
+   bool resolvedEntryIs(const Key& key, std::optional<Entry> value) {
+      auto it = resolvedEntries_.find(key);
+      std::uint8_t mode = 0;
+      if (it != resolvedEntries_.end()) {
+         const auto& current = it->second;
+         if (current.has_value() == value.has_value() && (!value || *current == *value)) return false;
+         const EntryHandle* eh = entryHandle(key);
+         mode = !current ? 1
+                         : (eh && eh->resolvedEntryState() == SwTableBase::EntryState::programFailed
+                                ? 0
+                                : 2);
+         it->second = std::move(value);
+      } else {
+         resolvedEntries_.emplace(key, std::move(value));
+      }
+      this->indexUserModeIs(mode);
+      this->publish("resolvedEntry");
+      accessor().handleEntry(key);
+      return true;
+   }
+   void resolvedEntryDel(const Key& key) {
+      auto it = resolvedEntries_.find(key);
+      if (it == resolvedEntries_.end()) return;
+      resolvedEntries_.erase(it);
+      this->publish("resolvedEntry");
+      accessor().handleEntry(key);
+   }
+   // Forgets every value without touching the hardware (table clean-up).
+   void resolvedEntryDelAll() { resolvedEntries_.clear(); }
+
+   const SyncedEntryMap& syncedEntries() const noexcept { return syncedEntries_; }
+   const Entry* syncedEntry(Index index) const {
+      auto it = syncedEntries_.find(index);
+      return it == syncedEntries_.end() ? nullptr : &it->second;
+   }
+   void syncedEntryIs(Index index, const Entry& entry) {
+      syncedEntries_.insert_or_assign(index, entry);
+      this->publish("syncedEntry");
+   }
+   void syncedEntryDel(Index index) {
+      if (syncedEntries_.erase(index)) this->publish("syncedEntry");
+   }
+   void syncedEntryDel(typename SyncedEntryMap::const_iterator it) {
+      syncedEntries_.erase(it);
+      this->publish("syncedEntry");
+   }
+   void syncedEntryDelAll() {
+      syncedEntries_.clear();
+      this->publish("syncedEntry");
+   }
+
+ protected:
+   explicit SwTableImpl(std::string name = "") : Base(std::move(name)) {
+      this->writeResponseSmIs(this);
+   }
+   // Like cleanup(), without calling into the derived table, which is gone by now.
+   ~SwTableImpl() override {
+      for (auto& [key, eh] : entryHandles_) {
+         eh->swTableIs(nullptr);
+         eh->doAmendReferences();
+      }
+      unresolvedEntryDelAll();
+      resolvedEntries_.clear();
+      if (auto* alloc = this->indexAllocator()) {
+         GenericIndexAllocatorStub::freeSharedAllocator(alloc->allocatorTypeName(),
+                                                        Derived::kTypeName,
+                                                        static_cast<const SwTable*>(this));
+         this->indexAllocatorIs(nullptr);
+      }
+      entryHandleDelAll();
+   }
+
+   SwTable::Accessor<Derived> accessor() { return SwTable::Accessor<Derived>(self()); }
+   SwTable::Accessor<Derived> caccessor() const {
+      return SwTable::Accessor<Derived>(const_cast<Derived*>(self()));
+   }
+
+ private:
+   Derived* self() noexcept { return static_cast<Derived*>(this); }
+   const Derived* self() const noexcept { return static_cast<const Derived*>(this); }
+
+   Ptr<Util> util_;
+   EntryHandleMap entryHandles_;
+   UnresolvedEntryMap unresolvedEntries_;
+   ResolvedEntryMap resolvedEntries_;
+   SyncedEntryMap syncedEntries_;
+   WriteResponseCallback callback_;
+};
+
+// ---------------------------------------------------------------------------------------
+// Handle and unresolved-entry forwarding, now that the accessor is complete.
+
+template <typename Table, typename Key, typename Entry>
+Index SwTableEntryHandleT<Table, Key, Entry>::hwIndexForDependentField() const {
+   if (swTable_) {
+      if (auto* util = swTable_->utilIfExists()) return util->hwIndexForDependentField(this);
+   }
+   return SwTableBase::getHwEntryIndex(this);
+}
+
+template <typename Table, typename Key, typename Entry>
+void SwTableEntryHandleT<Table, Key, Entry>::handleEntryState() {
+   if (swTable_) SwTable::Accessor<Table>(swTable_).handleEntryState(this, key_);
+}
+
+template <typename Table, typename Key, typename Entry>
+void SwTableEntryHandleT<Table, Key, Entry>::handleResolvedEntryState() {
+   if (swTable_) SwTable::Accessor<Table>(swTable_).handleResolvedEntryState(this);
+}
+
+template <typename Table, typename Key, typename Entry>
+void SwTableEntryHandleT<Table, Key, Entry>::handleIndexSuggestions(IndexSet indices) {
+   if (swTable_) SwTable::Accessor<Table>(swTable_).handleIndexSuggestions(this, IndexSet(indices));
+}
+
+template <typename Table, typename Key, typename Entry>
+void SwTableEntryHandleT<Table, Key, Entry>::cleanup() {
+   if (swTable_) SwTable::Accessor<Table>(swTable_).cleanup(this);
+}
+
+template <typename Table, typename Key, typename Entry>
+void SwTableEntryHandleT<Table, Key, Entry>::lastUserGone() {
+   SwTable::EntryHandle::lastUserGone();
+   if (swTable_) SwTable::Accessor<Table>(swTable_).cleanup(this);
+}
+
+template <typename Table, typename Key, typename Entry>
+void SwTableUnresolvedEntryT<Table, Key, Entry>::doResolve() {
+   SwTable::Accessor<Table>(swTable_).doResolve(static_cast<typename Table::UnresolvedEntry*>(this));
+}
+
+template <typename Table, typename Key, typename Entry>
+void SwTableUnresolvedEntryT<Table, Key, Entry>::doFailedNeededEntry() {
+   SwTable::Accessor<Table>(swTable_).markFailedNeededEntry(
+       static_cast<typename Table::UnresolvedEntry*>(this));
+}
+
+}  // namespace Asic
