@@ -10,6 +10,7 @@
 //   AnySizedBlockAllocator   a run of n consecutive free indices (the lowest such run).
 // Exhaustion returns invalidIndex (or an empty vector) and changes nothing.
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -41,6 +42,8 @@ class GenericIndexAllocator : public RefCounted {
    };
 
    explicit GenericIndexAllocator(std::string name);
+   GenericIndexAllocator(const GenericIndexAllocator&) = delete;
+   GenericIndexAllocator& operator=(const GenericIndexAllocator&) = delete;
 
    const std::string& name() const noexcept;
    // Descriptor of the concrete allocator type (for the shared-allocator factory).
@@ -54,6 +57,7 @@ class GenericIndexAllocator : public RefCounted {
    // Records the table that refers to the allocator and the name of its attribute.
    void setTableAttr(const void* table, std::string_view attribute);
    const void* table() const noexcept;
+   const std::string& tableAttribute() const noexcept;
    // Takes the closed range out of circulation (never handed out, never "assigned").
    void reserveIndices(Index first, Index last);
 
@@ -85,7 +89,7 @@ class GenericIndexAllocator : public RefCounted {
    // The index's key is used by more than one table.
    bool isIndexVerticallyShared(Index index, const TypeDescriptor& keyType) const;
    // Returns the index to the free pool whoever owned it (stale purge). The owning key loses
-   // that index; a key left without indices is forgotten.
+   // that index; a key left without indices is forgotten. A reserved index stays reserved.
    void markIndexAvailable(Index index, const TypeDescriptor& keyType);
    // `table` stops using the key's indices; when no table uses them they become free.
    void releaseIndexFromTable(const TypeDescriptor& keyType, const void* key, const void* table);
@@ -93,6 +97,8 @@ class GenericIndexAllocator : public RefCounted {
    std::uint32_t totalUsedIndices() const noexcept;  // assigned + reserved
    bool isIndexFree(Index index) const;
    Occupancy occupancy() const;
+   // Keys that own at least one index.
+   std::size_t numKeys() const noexcept;
 
  protected:
    ~GenericIndexAllocator() override;
@@ -102,6 +108,8 @@ class GenericIndexAllocator : public RefCounted {
    Index firstFreeFrom(Index from) const;
    // Lowest start of `count` consecutive free indices, or invalidIndex.
    Index firstFreeRun(std::uint32_t count) const;
+   // The `count` lowest free indices, ascending; empty when fewer are free.
+   std::vector<Index> lowestFreeIndices(std::uint32_t count) const;
 
  private:
    struct Impl;

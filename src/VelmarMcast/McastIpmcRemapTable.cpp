@@ -18,6 +18,14 @@ struct LibraryLoad {
       VelmarL3Common::registerL3IpmcKeyType();
       VelmarL3Common::registerL3IpmcSharedAllocator();
       Asic::traceHandle(Asic::kSwTableStatTrace);
+      // A broken plug-in must not stop the library from loading: the table then runs
+      // without a Util, and the error is on record.
+      try {
+         IngIpmcRemapTable::UtilLoader::instance();
+      } catch (const std::exception& e) {
+         ASIC_TRACE(Asic::traceHandle(IngIpmcRemapTable::kTypeName), 0, "{} : UtilLoader {}",
+                    IngIpmcRemapTable::kTypeName, e.what());
+      }
    }
 };
 
@@ -106,6 +114,20 @@ std::string IngIpmcRemapTableEntry::toString() const {
 IngIpmcRemapTable::IngIpmcRemapTable() : SwTableImpl("") {
    (void)libraryLoad();
    hwResponseNeededIs(true);
+   utilIs(UtilLoader::instance().util());
+}
+
+IngIpmcRemapTable::UtilLoader& IngIpmcRemapTable::UtilLoader::instance() {
+   static UtilLoader* loader = [] {
+      auto* created = new UtilLoader(std::string(kTypeName));  // lives for the process
+      created->load();
+      return created;
+   }();
+   return *loader;
+}
+
+std::size_t IngIpmcRemapTable::UtilLoader::load() {
+   return Ancillary::Core::Loader::Singleton::instance().load(prefixPath(), suffixPath(), *this);
 }
 
 void IngIpmcRemapTable::resolveDependentFields(Entry& entry) {

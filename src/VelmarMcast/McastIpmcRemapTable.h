@@ -11,6 +11,7 @@
 
 #include <fmt/format.h>
 
+#include "Ancillary/Loader.h"
 #include "AsicSwTable/SwTableAccessor.h"
 #include "VelmarL3Common/L3IpmcKey.h"
 #include "VelmarL3Common/L3IpmcSharedAllocator.h"
@@ -126,6 +127,32 @@ class IngIpmcRemapTableUtil : public Asic::SwTableUtilT<IngIpmcRemapTable> {
    Asic::Index getHwIndex(const Asic::SwTableBase::EntryHandle* eh) const {
       return Asic::SwTableBase::getHwEntryIndex(eh);
    }
+};
+
+// Where the table's Util comes from: the plug-ins under "AsicFeature" that supply
+// "VelmarMcast::IngIpmcRemapTable". One per process; the last Util supplied wins.
+class IngIpmcRemapTable::UtilLoader
+    : public Ancillary::Core::Loader::TypedUtilLoader<IngIpmcRemapTableUtil> {
+ public:
+   static constexpr std::string_view kTypeName = "VelmarMcast::IngIpmcRemapTable::UtilLoader";
+   explicit UtilLoader(std::string name) : name_(std::move(name)) {}
+
+   static std::string prefixPath() { return "AsicFeature"; }
+   static std::string suffixPath() { return std::string(IngIpmcRemapTable::kTypeName); }
+
+   // The singleton, created (and its plug-ins loaded) on first use.
+   static UtilLoader& instance();
+   // Asks the plug-in loader again (for a search path set after start-up).
+   std::size_t load();
+   Asic::Ptr<IngIpmcRemapTableUtil> util() const { return util_; }
+   const std::string& name() const noexcept { return name_; }
+
+ protected:
+   void typedUtilIs(Asic::Ptr<IngIpmcRemapTableUtil> util) override { util_ = std::move(util); }
+
+ private:
+   std::string name_;
+   Asic::Ptr<IngIpmcRemapTableUtil> util_;
 };
 
 Asic::Ptr<IngIpmcRemapTable> ingIpmcRemapTableFactory();

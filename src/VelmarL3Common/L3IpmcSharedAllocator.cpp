@@ -1,0 +1,25 @@
+#include "VelmarL3Common/L3IpmcSharedAllocator.h"
+
+#include <utility>
+
+namespace VelmarL3Common {
+
+L3IpmcSharedAllocator::L3IpmcSharedAllocator(std::string name)
+    : Asic::FirstFreeIndexAllocator(std::move(name)) {}
+
+L3IpmcSharedAllocator::~L3IpmcSharedAllocator() = default;
+
+Asic::Ptr<Asic::GenericIndexAllocator> l3IpmcSharedAllocatorFactory(std::string name) {
+   return Asic::Ptr<Asic::GenericIndexAllocator>(new L3IpmcSharedAllocator(std::move(name)));
+}
+
+void registerL3IpmcSharedAllocator() {
+   Asic::GenericIndexAllocatorStub::allocatorFactoryIs(L3IpmcSharedAllocator::kTypeName,
+                                                       &l3IpmcSharedAllocatorFactory);
+}
+
+namespace {
+[[maybe_unused]] const bool kRegistered = (registerL3IpmcSharedAllocator(), true);
+}  // namespace
+
+}  // namespace VelmarL3Common
