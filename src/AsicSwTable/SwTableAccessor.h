@@ -332,8 +332,12 @@ class SwTable::Accessor {
          }
       }
       EntryHandle* eh = swTable_->entryHandle(key);
+      // The test switch stands in for the write response: none is awaited then.
+      const bool awaitResponse =
+          swTable_->hwResponseNeeded() && !Detail::publishEntryHandleProgrammedState();
       {
-         WriteResponseSm::WriteContext context(swTable_->writeResponseSm(), eh);
+         WriteResponseSm::WriteContext context(awaitResponse ? swTable_->writeResponseSm() : nullptr,
+                                               eh);
          util->hwTableEntryIs(*swTable_, *hwIndex, key);
       }
       // Without write responses the write is done when the call returns.

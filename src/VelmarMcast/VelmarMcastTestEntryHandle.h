@@ -15,6 +15,7 @@ namespace VelmarMcast {
 class VelmarMcastTestEntryHandle : public Asic::SwTableBase::EntryHandle {
  public:
    static constexpr std::string_view kTypeName = "VelmarMcast::VelmarMcastTestEntryHandle";
+   using EntryState = Asic::SwTableBase::EntryState;
 
    explicit VelmarMcastTestEntryHandle(Asic::Index hwIndex = Asic::invalidIndex,
                                        EntryState state = EntryState::unresolved) {
