@@ -39,6 +39,13 @@
 
 namespace Asic {
 
+// A detached handle's commit no longer holds it: the table that counted it is going.
+inline void dropCommitCount(SwTable::EntryHandle* eh) {
+   if (eh->entryType() != SwTable::EntryHandle::EntryType::committed) return;
+   eh->entryTypeIs(SwTable::EntryHandle::EntryType::referenceOnly);
+   RefCounted::releaseQuietly(eh);
+}
+
 // ---------------------------------------------------------------------------------------
 // Per-table entry handle: key, back-pointer to the table, pending-entry queue; forwards
 // its notifications to the table's engine.
@@ -706,6 +713,10 @@ class SwTable::Accessor {
                if (swTable_->syncedEntry(*index)) {
                   programHwEntry(key, State::indexReconciled);
                   swTable_->updateStatistic(Status::indexReconciledContentsDiffer);
+                  // Taken over: the purge must not delete what was just written there.
+                  SWT_TRACE(8, "doInitComplete", ": Deleting syncedEntry reconciled at index:{}",
+                            *index);
+                  swTable_->syncedEntryDel(*index);
                } else {
                   swTable_->reconciledIndexIs(false);
                   programHwEntry(key, State::inProgress);
@@ -791,6 +802,7 @@ class SwTable::Accessor {
       for (const auto& eh : handles) {
          eh->swTableIs(nullptr);
          eh->doAmendReferences();
+         dropCommitCount(eh.get());
       }
       swTable_->unresolvedEntryDelAll();
       swTable_->resolvedEntryDelAll();
@@ -880,6 +892,11 @@ class SwTable::Accessor {
       std::optional<RefCounted::Pin> pin;
       if (eh) pin.emplace(eh);
       auto takeOverIndex = [&](bool complete) {
+         // This table now uses the index as a cold start's allocation would have recorded,
+         // so that a neighbour letting go of the key cannot free it under the entry.
+         if (hwIndex && allocator()->indexForKey(keyType(), &key) == hwIndex) {
+            allocator()->requestIndexForKey(*hwIndex, keyType(), &key, allocatorUser());
+         }
          if (eh) {
             swTable_->indexHelperDel(eh);
             if (hwIndex) eh->hwIndexIs(*hwIndex);
@@ -1218,6 +1235,7 @@ class SwTableImpl : public Base {
       for (auto& [key, eh] : entryHandles_) {
          eh->swTableIs(nullptr);
          eh->doAmendReferences();
+         dropCommitCount(eh.get());
       }
       unresolvedEntryDelAll();
       resolvedEntries_.clear();

@@ -114,7 +114,10 @@ std::string IngIpmcRemapTableEntry::toString() const {
 IngIpmcRemapTable::IngIpmcRemapTable() : SwTableImpl("") {
    (void)libraryLoad();
    hwResponseNeededIs(true);
-   utilIs(UtilLoader::instance().util());
+   UtilLoader& loader = UtilLoader::instance();
+   // The search path may have been set after library load (the agent sets a default).
+   if (!loader.util()) loader.load();
+   utilIs(loader.util());
 }
 
 IngIpmcRemapTable::UtilLoader& IngIpmcRemapTable::UtilLoader::instance() {
