@@ -365,6 +365,7 @@ struct KeySlotEq {
 // Per-index owner slot: a key record id or one of these.
 constexpr std::uint32_t kFreeSlot = 0xFFFFFFFFu;
 constexpr std::uint32_t kReservedSlot = 0xFFFFFFFEu;
+constexpr std::uint32_t kHeldSlot = 0xFFFFFFFDu;  // stale hardware entry awaiting the purge
 
 }  // namespace
 
@@ -378,7 +379,7 @@ struct GenericIndexAllocator::Impl {
    const void* table = nullptr;  // not owned
    std::string tableAttribute;
    FreeSpace freeSpace;
-   std::vector<std::uint32_t> owner;  // per index: record id, kFreeSlot or kReservedSlot
+   std::vector<std::uint32_t> owner;  // per index: record id, kFreeSlot, kReservedSlot, kHeldSlot
    RecordSlab slab;
    absl::flat_hash_set<KeySlot, KeySlotHash, KeySlotEq> keys;
 
@@ -395,9 +396,13 @@ struct GenericIndexAllocator::Impl {
    bool isFreeSlot(Index index) const noexcept {
       return index < numEntries && owner[index] == kFreeSlot;
    }
+   // What a restart may bind to a key: free, or held for the stale entry found there.
+   bool isRecoverableSlot(Index index) const noexcept {
+      return index < numEntries && (owner[index] == kFreeSlot || owner[index] == kHeldSlot);
+   }
    // The record of the key of `type` owning `index`, or null.
    const KeyRecord* ownerOf(Index index, const TypeDescriptor& type) const {
-      if (index >= numEntries || owner[index] >= kReservedSlot) return nullptr;
+      if (index >= numEntries || owner[index] >= kHeldSlot) return nullptr;
       const KeyRecord& record = slab.at(owner[index]);
       return record.key.type() == &type ? &record : nullptr;
    }
@@ -407,7 +412,7 @@ struct GenericIndexAllocator::Impl {
    void bind(const TypeDescriptor& type, const void* key, const Index* indices, std::uint32_t count,
              const void* user) {
       for (std::uint32_t i = 0; i < count; ++i) {
-         ASIC_ASSERT_MSG(isFreeSlot(indices[i]), "allocator picked an index that is not free");
+         ASIC_ASSERT_MSG(isRecoverableSlot(indices[i]), "allocator picked an index that is not free");
       }
       std::uint32_t id = slab.acquire();
       try {
@@ -453,7 +458,7 @@ void GenericIndexAllocator::numEntriesIs(std::uint32_t numEntries) {
    // Reserved indices past the new end are simply dropped; assigned ones refuse the shrink.
    for (Index index = numEntries; index < s.numEntries; ++index) {
       std::uint32_t slot = s.owner[index];
-      if (slot != kFreeSlot && slot != kReservedSlot) {
+      if (slot < kHeldSlot) {
          throw std::invalid_argument(fmt::format(
              "index allocator '{}': cannot shrink to {} entries: index {} is assigned to key {}",
              s.name, numEntries, index, s.slab.at(slot).key.toString()));
@@ -499,7 +504,7 @@ void GenericIndexAllocator::reserveIndices(Index first, Index last) {
    }
    for (std::uint64_t index = first; index <= last; ++index) {
       std::uint32_t slot = s.owner[index];
-      if (slot != kFreeSlot && slot != kReservedSlot) {
+      if (slot < kHeldSlot) {
          throw std::invalid_argument(
              fmt::format("index allocator '{}': cannot reserve index {}: it is assigned to key {}",
                          s.name, index, s.slab.at(slot).key.toString()));
@@ -546,7 +551,7 @@ GenericIndexAllocator::RequestStatus GenericIndexAllocator::requestIndexForKey(
 bool GenericIndexAllocator::recoverIndexForKey(Index index, const TypeDescriptor& keyType,
                                                const void* key, const void* user) {
    Impl& s = *impl_;
-   if (!s.isFreeSlot(index) || s.find(keyType, key) != RecordSlab::kNone) return false;
+   if (!s.isRecoverableSlot(index) || s.find(keyType, key) != RecordSlab::kNone) return false;
    s.bind(keyType, key, &index, 1, user);
    return true;
 }
@@ -593,7 +598,7 @@ bool GenericIndexAllocator::recoverIndicesForKey(const std::vector<Index>& indic
    if (indices.empty() || indices.size() > s.numEntries) return false;
    if (s.find(keyType, key) != RecordSlab::kNone) return false;
    for (Index index : indices) {
-      if (!s.isFreeSlot(index)) return false;
+      if (!s.isRecoverableSlot(index)) return false;
    }
    std::vector<Index> sorted(indices);
    std::sort(sorted.begin(), sorted.end());
@@ -633,6 +638,11 @@ void GenericIndexAllocator::markIndexAvailable(Index index, const TypeDescriptor
                       s.name, index, s.numEntries));
    }
    std::uint32_t id = s.owner[index];
+   if (id == kHeldSlot) {
+      s.owner[index] = kFreeSlot;
+      s.freeSpace.freeIs(index, true);
+      return;
+   }
    if (id == kFreeSlot || id == kReservedSlot) return;
    KeyRecord& record = s.slab.at(id);
    if (record.indices.size() == 1) {
@@ -658,6 +668,18 @@ std::uint32_t GenericIndexAllocator::totalUsedIndices() const noexcept {
 }
 
 bool GenericIndexAllocator::isIndexFree(Index index) const { return impl_->isFreeSlot(index); }
+
+bool GenericIndexAllocator::holdIndex(Index index) {
+   Impl& s = *impl_;
+   if (!s.isFreeSlot(index)) return false;
+   s.owner[index] = kHeldSlot;
+   s.freeSpace.freeIs(index, false);
+   return true;
+}
+
+bool GenericIndexAllocator::isIndexHeld(Index index) const {
+   return index < impl_->numEntries && impl_->owner[index] == kHeldSlot;
+}
 
 GenericIndexAllocator::Occupancy GenericIndexAllocator::occupancy() const {
    const FreeSpace& space = impl_->freeSpace;

@@ -96,6 +96,11 @@ class GenericIndexAllocator : public RefCounted {
 
    std::uint32_t totalUsedIndices() const noexcept;  // assigned + reserved
    bool isIndexFree(Index index) const;
+   // Restart: keeps a free index out of new allocations because the chip still holds a
+   // stale entry there. Only a recovery (which binds it) or markIndexAvailable (which frees
+   // it) ends the hold. False when the index is not free.
+   bool holdIndex(Index index);
+   bool isIndexHeld(Index index) const;
    Occupancy occupancy() const;
    // Keys that own at least one index.
    std::size_t numKeys() const noexcept;

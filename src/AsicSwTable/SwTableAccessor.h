@@ -11,7 +11,9 @@
 // handle itself, given up by entryRemove. When only the table's count is left,
 // lastUserGone() starts cleanup().
 
+#include <algorithm>
 #include <cstdlib>
+#include <stdexcept>
 #include <deque>
 #include <memory>
 #include <optional>
@@ -132,9 +134,14 @@ class SwTableUnresolvedEntryT : public SwTable::UnresolvedEntry {
    Entry entry_;
 };
 
-// The hardware hooks of one table, implemented by the plug-in that knows the chip.
+// The hardware hooks of one table, implemented by the plug-in that knows the chip. A table
+// whose entries occupy one index each gets the single-index forms; a table whose entries
+// state their own block size gets the forms over the entry's vector of indices.
+template <typename T, bool kBlocks = Trait::getBlockSizeDefinedByUser<T>>
+class SwTableUtilHwT;
+
 template <typename T>
-class SwTableUtilT : public SwTable::Util {
+class SwTableUtilHwT<T, false> : public SwTable::Util {
  public:
    using Util::Util;
    using Key = typename T::Key;
@@ -148,6 +155,35 @@ class SwTableUtilT : public SwTable::Util {
    virtual bool compareHwEntries(T& table, Index hwIndex, const Entry& entry) = 0;
    // Reads every valid hardware entry into the table's synced entries.
    virtual void syncEntries(HwTable* hwTable, T& table) = 0;
+};
+
+template <typename T>
+class SwTableUtilHwT<T, true> : public SwTable::Util {
+ public:
+   using Util::Util;
+   using Key = typename T::Key;
+   using Entry = typename T::Entry;
+
+   // Writes the key's resolved value over its indices, in order (the first is the one
+   // dependents name); an empty value clears them.
+   virtual void hwTableEntryIs(T& table, const std::vector<Index>& hwIndices, const Key& key) = 0;
+   // Removes the entries at the indices.
+   virtual void hwTableEntryDel(T& table, const std::vector<Index>& hwIndices) = 0;
+   // True when the hardware entry that starts at `hwIndex` equals `entry`.
+   virtual bool compareHwEntries(T& table, Index hwIndex, const Entry& entry) = 0;
+   // Reads every valid hardware entry into the table's synced entries, one record per
+   // entry, at its first index.
+   virtual void syncEntries(HwTable* hwTable, T& table) = 0;
+   // The index that follows `hwIndex` within one entry's indices, as the hardware records
+   // it; invalidIndex after the last.
+   virtual Index getNextHwIndex(T& table, Index hwIndex) const = 0;
+};
+
+template <typename T>
+class SwTableUtilT : public SwTableUtilHwT<T> {
+ public:
+   using SwTableUtilHwT<T>::SwTableUtilHwT;
+
    // Value of a dependent field as a hardware index of the needed table.
    virtual Index dependentFieldValueToHwIndex(Index value) const { return value; }
    // Index a dependent table writes for one of this table's handles.
@@ -245,6 +281,9 @@ class SwTable::Accessor {
       }
       Entry value = ue->entry();
       T::resolveDependentFields(value);
+      if constexpr (requires { swTable_->setResolvedEntryMetaData(value); }) {
+         swTable_->setResolvedEntryMetaData(value);
+      }
       SWT_TRACE(6, "doResolve", ": key:{}", key);
       bool changed = setResolvedEntry(key, std::move(value));
       swTable_->unresolvedEntryDel(key);
@@ -278,7 +317,7 @@ class SwTable::Accessor {
          handleReconciliation(key);
          return;
       }
-      hwTableEntryDel(util, key, doRetrieveHwIndex(key));
+      hwTableEntryDel(util, key, doRetrieveHwIndices(key));
    }
 
    void programHwEntry(const Key& key, State entryState) {
@@ -292,13 +331,19 @@ class SwTable::Accessor {
       }
       const auto* resolved = swTable_->resolvedEntry(key);
       const bool hasValue = resolved && resolved->has_value();
-      Index hwIndex = invalidIndex;
+      std::vector<Index> hwIndices;
       if (hasValue) {
-         hwIndex = allocator()->newIndexForKey(keyType(), &key, allocatorUser());
-      } else if (auto held = doRetrieveHwIndex(key)) {
-         hwIndex = *held;  // withdrawing a value never needs a new index
+         if constexpr (Trait::getBlockSizeDefinedByUser<T>) {
+            hwIndices = allocator()->newIndicesForKey(keyType(), &key, (**resolved).getBlockSize(),
+                                                      allocatorUser());
+         } else {
+            hwIndices = {allocator()->newIndexForKey(keyType(), &key, allocatorUser())};
+         }
+      } else {
+         hwIndices = doRetrieveHwIndices(key);  // withdrawing a value never needs new indices
       }
-      traceHwIndex(hwIndex);
+      const Index hwIndex = hwIndices.empty() ? invalidIndex : hwIndices.front();
+      traceHwIndex(hwIndices);
       if (Util* util = swTable_->utilIfExists()) {
          if (isExhausted(hwIndex)) {
             ASIC_ASSERT_TEXT(entryState != State::indexReconciled,
@@ -306,36 +351,44 @@ class SwTable::Accessor {
          } else {
             swTable_->reconciledIndexIs(entryState == State::indexReconciled);
             SWT_TRACE(8, "hwTableEntryIs", " : key: {}", key);
-            hwTableEntryIs(util, key, hwIndex);
+            hwTableEntryIs(util, key, hwIndices);
          }
       }
       if ((eh = swTable_->entryHandle(key))) eh->hwIndexIs(hwIndex);
       doCompleteEntryHandleForTesting(key);
    }
 
-   void traceHwIndex(Index hwIndex) {
-      SWT_TRACE(8, "traceHwIndex", " Acquired hwIndex : {}", hwIndex);
+   void traceHwIndex(const std::vector<Index>& hwIndices) {
+      if constexpr (Trait::getBlockSizeDefinedByUser<T>) {
+         SWT_TRACE(8, "traceHwIndex", "Acquired hwIndex vector starting :{}, size:{}",
+                   hwIndices.empty() ? invalidIndex : hwIndices.front(), hwIndices.size());
+      } else {
+         SWT_TRACE(8, "traceHwIndex", " Acquired hwIndex : {}",
+                   hwIndices.empty() ? invalidIndex : hwIndices.front());
+      }
    }
 
-   void hwTableEntryIs(Util* util, const Key& key, std::optional<Index> hwIndex) {
-      if (!util || !hwIndex || isExhausted(*hwIndex)) return;
+   // Writes the key's value (or clears it, when it has none) at its indices.
+   void hwTableEntryIs(Util* util, const Key& key, const std::vector<Index>& hwIndices) {
+      if (!util || hwIndices.empty() || isExhausted(hwIndices.front())) return;
+      const Index hwIndex = hwIndices.front();
       const auto* resolved = swTable_->resolvedEntry(key);
       const bool hasValue = resolved && resolved->has_value();
-      const bool alreadyInHw = swTable_->reconciledIndex() && swTable_->syncedEntry(*hwIndex);
+      const bool alreadyInHw = swTable_->reconciledIndex() && swTable_->syncedEntry(hwIndex);
       if (!alreadyInHw) {
          const std::uint8_t mode = swTable_->indexUserMode();
+         std::optional<IndexUserTracker::Op> op;
          if (hasValue) {
-            if (mode == 0) {
-               util->updateHwIndexRefCountTracker(swTable_->hwTable(), *hwIndex,
-                                                  IndexUserTracker::taken);
-            } else if (mode == 1) {
-               util->updateHwIndexRefCountTracker(swTable_->hwTable(), *hwIndex,
-                                                  IndexUserTracker::takenAgain);
-            }
+            if (mode == 0) op = IndexUserTracker::taken;
+            if (mode == 1) op = IndexUserTracker::takenAgain;
          } else {
             ASIC_ASSERT_TEXT(mode == 2, "false", "");
-            util->updateHwIndexRefCountTracker(swTable_->hwTable(), *hwIndex,
-                                               IndexUserTracker::releasedByDelete);
+            op = IndexUserTracker::releasedByDelete;
+         }
+         if (op) {
+            for (Index index : hwIndices) {
+               util->updateHwIndexRefCountTracker(swTable_->hwTable(), index, *op);
+            }
          }
       }
       EntryHandle* eh = swTable_->entryHandle(key);
@@ -345,7 +398,11 @@ class SwTable::Accessor {
       {
          WriteResponseSm::WriteContext context(awaitResponse ? swTable_->writeResponseSm() : nullptr,
                                                eh);
-         util->hwTableEntryIs(*swTable_, *hwIndex, key);
+         if constexpr (Trait::getBlockSizeDefinedByUser<T>) {
+            util->hwTableEntryIs(*swTable_, hwIndices, key);
+         } else {
+            util->hwTableEntryIs(*swTable_, hwIndex, key);
+         }
       }
       // Without write responses the write is done when the call returns.
       if (eh && !swTable_->hwResponseNeeded() && !Detail::publishEntryHandleProgrammedState()) {
@@ -353,16 +410,22 @@ class SwTable::Accessor {
       }
    }
 
-   void hwTableEntryDel(Util* util, const Key& key, std::optional<Index> hwIndex) {
-      if (!hwIndex || isExhausted(*hwIndex)) {
+   void hwTableEntryDel(Util* util, const Key& key, const std::vector<Index>& hwIndices) {
+      if (hwIndices.empty() || isExhausted(hwIndices.front())) {
          SWT_TRACE(8, "hwTableEntryDel", "No entry in HwTable for this key. Skip delete");
          return;
       }
       SWT_TRACE(8, "hwTableEntryDel", ": Deleting entry at key:{}", key);
       if (util) {
-         util->updateHwIndexRefCountTracker(swTable_->hwTable(), *hwIndex,
-                                            IndexUserTracker::released);
-         util->hwTableEntryDel(*swTable_, *hwIndex);
+         for (Index index : hwIndices) {
+            util->updateHwIndexRefCountTracker(swTable_->hwTable(), index,
+                                               IndexUserTracker::released);
+         }
+         if constexpr (Trait::getBlockSizeDefinedByUser<T>) {
+            util->hwTableEntryDel(*swTable_, hwIndices);
+         } else {
+            util->hwTableEntryDel(*swTable_, hwIndices.front());
+         }
       }
       if (auto* alloc = swTable_->indexAllocator()) {
          alloc->releaseIndexFromTable(keyType(), &key, allocatorUser());
@@ -376,6 +439,17 @@ class SwTable::Accessor {
       }
       if (const EntryHandle* eh = swTable_->entryHandle(key)) return eh->hwIndex();
       return std::nullopt;
+   }
+   // Every index the key holds, first one first (one for single-index tables).
+   std::vector<Index> doRetrieveHwIndices(const Key& key) const {
+      if constexpr (Trait::getBlockSizeDefinedByUser<T>) {
+         if (auto* alloc = swTable_->indexAllocator()) {
+            auto indices = alloc->indicesForKey(keyType(), &key);
+            if (!indices.empty()) return indices;
+         }
+      }
+      if (auto index = doRetrieveHwIndex(key)) return {*index};
+      return {};
    }
 
    void handleEntryState(EntryHandle* eh, const Key& key) {
@@ -411,14 +485,16 @@ class SwTable::Accessor {
                        "entryHandle->entryType() == EntryHandle::referenceOnly() || "
                        "entryHandle->entryType() == EntryHandle::committed()",
                        "");
-      const Entry value = entryIfExists(key).value_or(Entry{});
       const auto& tableFn = swTable_->writeResponseCallback();
-      if (value.writeResponseFn && tableFn) raise_callback_exception();
-      if (value.writeResponseFn) {
-         value.writeResponseFn(eh->entryState());
-      } else if (tableFn) {
-         tableFn(eh, key);
+      if constexpr (HasWriteResponseFn<Entry>) {
+         const Entry value = entryIfExists(key).value_or(Entry{});
+         if (value.writeResponseFn && tableFn) raise_callback_exception();
+         if (value.writeResponseFn) {
+            value.writeResponseFn(eh->entryState());
+            return;
+         }
       }
+      if (tableFn) tableFn(eh, key);
    }
 
    void doCompleteEntryHandleForTesting(const Key& key) {
@@ -563,7 +639,35 @@ class SwTable::Accessor {
       SWT_TRACE(6, "syncEntries", ": swTableInstPtr:{}", swTable_->tableText());
       ASIC_ASSERT_TEXT(swTable_->hwTable() != nullptr, "hwTable()", "");
       ASIC_ASSERT_TEXT(swTable_->resolvedEntrys() == 0, "!swTable_->resolvedEntrys()", "");
-      if (Util* util = swTable_->utilIfExists()) util->syncEntries(swTable_->hwTable(), *swTable_);
+      Util* util = swTable_->utilIfExists();
+      if (!util) return;
+      util->syncEntries(swTable_->hwTable(), *swTable_);
+      if constexpr (Trait::getBlockSizeDefinedByUser<T>) {
+         // Until the purge, no new entry may be given an index that a stale entry still
+         // occupies: the purge walks each stale entry's indices through the hardware.
+         for (const auto& [hwIndex, entry] : swTable_->syncedEntries()) {
+            for (Index index : syncedHwIndices(*util, hwIndex)) allocator()->holdIndex(index);
+         }
+      }
+   }
+
+   // The indices of the hardware entry that starts at `hwIndex`, following the hardware's
+   // own links; at most `limit` of them.
+   std::vector<Index> syncedHwIndices(Util& util, Index hwIndex,
+                                      std::uint32_t limit = invalidIndex) const
+      requires(Trait::getBlockSizeDefinedByUser<T>)
+   {
+      std::vector<Index> indices;
+      const std::uint32_t bound = std::min(limit, swTable_->numEntries());
+      for (Index index = hwIndex; !isExhausted(index) && indices.size() < bound;
+           index = util.getNextHwIndex(*swTable_, index)) {
+         if (std::find(indices.begin(), indices.end(), index) != indices.end()) {
+            throw std::runtime_error(fmt::format("{}: hardware entry at {} links back to index {}",
+                                                 T::kTypeName, hwIndex, index));
+         }
+         indices.push_back(index);
+      }
+      return indices;
    }
 
    Status reconcileSyncedEntry(const Key& key) {
@@ -583,7 +687,41 @@ class SwTable::Accessor {
    }
 
    bool reconcileUsingHwIndex(const Key& key, Index hwIndex, bool compareHw)
-      requires(!Trait::hasRemoteAllocator<T>)
+      requires(!Trait::hasRemoteAllocator<T> && Trait::getBlockSizeDefinedByUser<T>)
+   {
+      ASIC_ASSERT_TEXT(allocator()->keyForIndex(hwIndex, keyType()).empty(),
+                       "!allocator->isIndexAssigned( hwIndex, Vix::vixType< EntryKeyT >() )", "");
+      const auto* resolved = swTable_->resolvedEntry(key);
+      ASIC_ASSERT_TEXT(resolved && resolved->has_value(), "resolvedEntry", "no resolved entry");
+      const Entry& entry = **resolved;
+      Util* util = swTable_->utilIfExists();
+      if (!util) return false;
+      const std::uint32_t blockSize = entry.getBlockSize();
+      const std::vector<Index> indices = syncedHwIndices(*util, hwIndex, blockSize);
+      // A hardware entry of another length cannot take this value in place.
+      if (indices.size() != blockSize) {
+         SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} holds {} entries, key needs {}",
+                   hwIndex, indices.size(), blockSize);
+         return false;
+      }
+      for (Index index : indices) {
+         if (!allocator()->isIndexFree(index) && !allocator()->isIndexHeld(index)) {
+            SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} not free", index);
+            return false;
+         }
+      }
+      if (compareHw && !util->compareHwEntries(*swTable_, hwIndex, entry)) return false;
+      const bool recovered =
+          allocator()->recoverIndicesForKey(indices, keyType(), &key, allocatorUser());
+      ASIC_ASSERT_TEXT(recovered,
+                       "swTable_->indexAllocator()->recoverIndicesForKey( hwIndices, vixType< "
+                       "EntryKeyT >(), &key )",
+                       "");
+      return true;
+   }
+
+   bool reconcileUsingHwIndex(const Key& key, Index hwIndex, bool compareHw)
+      requires(!Trait::hasRemoteAllocator<T> && !Trait::getBlockSizeDefinedByUser<T>)
    {
       if (!allocator()->keyForIndex(hwIndex, keyType()).empty() ||
           !allocator()->isIndexFree(hwIndex)) {
@@ -747,6 +885,32 @@ class SwTable::Accessor {
       }
       handleStaleEntries();
       swTable_->syncedEntryDelAll();
+   }
+
+   // Each stale record stands for all the indices of its hardware entry: they are deleted
+   // and freed together.
+   void handleStaleEntries()
+      requires(Trait::isUnknownIndexTable<T> && Trait::getBlockSizeDefinedByUser<T>)
+   {
+      Util* util = swTable_->utilIfExists();
+      GenericIndexAllocator* alloc = allocator();
+      for (const auto& [hwIndex, entry] : swTable_->syncedEntries()) {
+         const std::vector<Index> indices = syncedHwIndices(*util, hwIndex);
+         for (Index index : indices) {
+            ASIC_ASSERT_TEXT(!alloc->isIndexAssigned(index, keyType()),
+                             "!allocator->isIndexAssigned( hwIndex.value(), Vix::vixType< "
+                             "EntryKeyT >() )",
+                             "");
+            util->updateHwIndexRefCountTracker(swTable_->hwTable(), index,
+                                               IndexUserTracker::released);
+         }
+         util->hwTableEntryDel(*swTable_, indices);
+         SWT_TRACE(8, "handleStaleEntries", ": Deleting stale hwEntry at index:{}, size:{}", hwIndex,
+                   indices.size());
+         swTable_->updateStatistic(Status::staleEntryDeleted);
+         SWT_TRACE(8, "handleStaleEntries", ": Marking index available in allocator");
+         for (Index index : indices) alloc->markIndexAvailable(index, keyType());
+      }
    }
 
    void handleStaleEntries()
@@ -1043,7 +1207,7 @@ class SwTableImpl : public Base {
 
    static_assert(SwTableKey<KeyT>, "a table key needs kTypeName, ==, a formatter and a hash");
    static_assert(SwTableEntry<EntryT>,
-                 "a table entry needs identity ==, a formatter and a writeResponseFn member");
+                 "a table entry needs identity == and a formatter");
 
    // --- client operations --------------------------------------------------------------
    Ptr<const EntryHandle> entryCommit(const Key& key, const Entry& entry) {

@@ -22,14 +22,19 @@
 
 namespace Asic {
 
-// A table's value type: identity equality, a text form, and the client's callback.
+// A table's value type: identity equality and a text form. A value may carry the client's
+// write-response callback (member `writeResponseFn`); the engine calls it when present.
 template <typename E>
 concept SwTableEntry = std::default_initializable<E> && std::copyable<E> &&
                        requires(const E& e) {
                           { e == e } -> std::convertible_to<bool>;
-                          { e.writeResponseFn } -> std::convertible_to<WriteResponseFn>;
                           { fmt::format("{}", e) };
                        };
+
+template <typename E>
+concept HasWriteResponseFn = requires(const E& e) {
+   { e.writeResponseFn } -> std::convertible_to<WriteResponseFn>;
+};
 
 template <typename K>
 concept SwTableKey = RegisteredType<K> && std::copyable<K>;
