@@ -221,6 +221,15 @@ class SwTable::Accessor {
       return commit(key, entry, true, "entryRef");
    }
 
+   // Stores a value as resolved without the commit path (no needed entries to wait for):
+   // the key is committed and programmed at once.
+   Ptr<EntryHandle> entryResolvedIs(const Key& key, const Entry& entry) {
+      Ptr<EntryHandle> eh = swTable_->entryHandleIs(key, swTable_);
+      typeCommitted(eh.get());
+      setResolvedEntry(key, entry);
+      return eh;
+   }
+
    Ptr<EntryHandle> entryWontProgram(const Key& key) {
       Ptr<EntryHandle> eh = swTable_->entryHandleIs(key, swTable_);
       typeCommitted(eh.get());
@@ -1228,6 +1237,19 @@ class SwTableImpl : public Base {
       return EntryIteratorConst(self(), key);
    }
    void handleEntry(const Key& key) { accessor().handleEntry(key); }
+   // The key that owns a hardware index, if any.
+   std::optional<Key> swKeyFromHwIndex(Index index) const {
+      auto* alloc = this->indexAllocator();
+      if (!alloc) return std::nullopt;
+      GenericValue owner = alloc->keyForIndex(index, vixType<Key>());
+      if (const Key* key = owner.template get<Key>()) return *key;
+      return std::nullopt;
+   }
+   // The key's index for another agent, without touching the table's state.
+   Index hwIndexOnlyForCrossAgentCommunication(const Key& key) const {
+      const EntryHandle* eh = entryHandle(key);
+      return eh ? eh->hwIndexForDependentField() : invalidIndex;
+   }
 
    // --- life cycle ---------------------------------------------------------------------
    void doCreateAllocator() { accessor().doCreateAllocator(); }

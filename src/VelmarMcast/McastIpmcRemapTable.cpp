@@ -1,6 +1,5 @@
 #include "VelmarMcast/McastIpmcRemapTable.h"
 
-#include <charconv>
 #include <cstdlib>
 
 #include "Asic/Trace.h"
@@ -35,36 +34,14 @@ const LibraryLoad& libraryLoad() {
 }
 [[maybe_unused]] const LibraryLoad& libraryLoadAtStart = libraryLoad();
 
+constexpr std::string_view kEntryName = "IngIpmcRemapTable::Entry";
+
 void expect(Asic::CharRange& range, std::string_view literal, std::string_view attribute) {
-   while (!range.text.empty() && range.text.front() == ' ') range.text.remove_prefix(1);
-   if (range.text.substr(0, literal.size()) != literal) {
-      throw Asic::AttributeRangeError(
-          std::string(attribute),
-          fmt::format("IngIpmcRemapTable::Entry: expected '{}' before {} in '{}'", literal,
-                      attribute, range.text));
-   }
-   range.text.remove_prefix(literal.size());
+   Asic::TextParse::expect(range, literal, attribute, kEntryName);
 }
-
-std::string_view token(Asic::CharRange& range) {
-   while (!range.text.empty() && range.text.front() == ' ') range.text.remove_prefix(1);
-   auto end = range.text.find_first_of(",}");
-   auto tok = range.text.substr(0, end);
-   range.text.remove_prefix(tok.size());
-   while (!tok.empty() && tok.back() == ' ') tok.remove_suffix(1);
-   return tok;
-}
-
+using Asic::TextParse::token;
 std::uint64_t unsignedValue(std::string_view tok, std::string_view attribute, std::uint64_t max) {
-   std::uint64_t value = 0;
-   auto [ptr, ec] = std::from_chars(tok.data(), tok.data() + tok.size(), value);
-   if (ec != std::errc() || ptr != tok.data() + tok.size() || tok.empty() || value > max) {
-      throw Asic::AttributeRangeError(
-          std::string(attribute),
-          fmt::format("IngIpmcRemapTable::Entry: {} '{}' is out of range (0..{})", attribute, tok,
-                      max));
-   }
-   return value;
+   return Asic::TextParse::unsignedValue(tok, attribute, max, kEntryName);
 }
 
 }  // namespace
@@ -114,23 +91,8 @@ std::string IngIpmcRemapTableEntry::toString() const {
 IngIpmcRemapTable::IngIpmcRemapTable() : SwTableImpl("") {
    (void)libraryLoad();
    hwResponseNeededIs(true);
-   UtilLoader& loader = UtilLoader::instance();
    // The search path may have been set after library load (the agent sets a default).
-   if (!loader.util()) loader.load();
-   utilIs(loader.util());
-}
-
-IngIpmcRemapTable::UtilLoader& IngIpmcRemapTable::UtilLoader::instance() {
-   static UtilLoader* loader = [] {
-      auto* created = new UtilLoader(std::string(kTypeName));  // lives for the process
-      created->load();
-      return created;
-   }();
-   return *loader;
-}
-
-std::size_t IngIpmcRemapTable::UtilLoader::load() {
-   return Ancillary::Core::Loader::Singleton::instance().load(prefixPath(), suffixPath(), *this);
+   utilIs(UtilLoader::instance().utilForNewTable());
 }
 
 void IngIpmcRemapTable::resolveDependentFields(Entry& entry) {

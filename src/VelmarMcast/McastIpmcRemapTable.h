@@ -11,28 +11,12 @@
 
 #include <fmt/format.h>
 
-#include "Ancillary/Loader.h"
+#include "Asic/CharRange.h"
 #include "AsicSwTable/SwTableAccessor.h"
 #include "VelmarL3Common/L3IpmcKey.h"
 #include "VelmarL3Common/L3IpmcSharedAllocator.h"
+#include "VelmarMcast/TableUtilLoader.h"
 
-namespace Asic {
-// A cursor over text being parsed; parsing constructors consume what they read.
-struct CharRange {
-   std::string_view text;
-};
-
-// The type system's error for a value that does not fit its attribute.
-class AttributeRangeError : public std::range_error {
- public:
-   AttributeRangeError(std::string attribute, const std::string& what)
-       : std::range_error(what), attribute_(std::move(attribute)) {}
-   const std::string& attribute() const noexcept { return attribute_; }
-
- private:
-   std::string attribute_;
-};
-}  // namespace Asic
 
 namespace VelmarMcast {
 
@@ -88,17 +72,13 @@ class IngIpmcRemapTable
       static constexpr bool hasRemoteAllocator = false;
       static constexpr bool getBlockSizeDefinedByUser = false;
    };
-   class UtilLoader;
+   using UtilLoader = TableUtilLoader<IngIpmcRemapTable>;
 
    IngIpmcRemapTable();
 
    // Binds the key to `index` first, then commits as entryCommit does.
    Asic::Ptr<const EntryHandle> entryWriteAtIndex(Asic::Index index, const Key& key,
                                                   const Entry& entry);
-   // The key that owns a hardware index, if any.
-   std::optional<Key> swKeyFromHwIndex(Asic::Index index) const;
-   // The key's index for another agent, without touching the table's state.
-   Asic::Index hwIndexOnlyForCrossAgentCommunication(const Key& key) const;
 
    // Dependent field: remappedIpmcIndexHandle -> remappedIpmcIndex.
    template <typename F>
@@ -127,32 +107,6 @@ class IngIpmcRemapTableUtil : public Asic::SwTableUtilT<IngIpmcRemapTable> {
    Asic::Index getHwIndex(const Asic::SwTableBase::EntryHandle* eh) const {
       return Asic::SwTableBase::getHwEntryIndex(eh);
    }
-};
-
-// Where the table's Util comes from: the plug-ins under "AsicFeature" that supply
-// "VelmarMcast::IngIpmcRemapTable". One per process; the last Util supplied wins.
-class IngIpmcRemapTable::UtilLoader
-    : public Ancillary::Core::Loader::TypedUtilLoader<IngIpmcRemapTableUtil> {
- public:
-   static constexpr std::string_view kTypeName = "VelmarMcast::IngIpmcRemapTable::UtilLoader";
-   explicit UtilLoader(std::string name) : name_(std::move(name)) {}
-
-   static std::string prefixPath() { return "AsicFeature"; }
-   static std::string suffixPath() { return std::string(IngIpmcRemapTable::kTypeName); }
-
-   // The singleton, created (and its plug-ins loaded) on first use.
-   static UtilLoader& instance();
-   // Asks the plug-in loader again (for a search path set after start-up).
-   std::size_t load();
-   Asic::Ptr<IngIpmcRemapTableUtil> util() const { return util_; }
-   const std::string& name() const noexcept { return name_; }
-
- protected:
-   void typedUtilIs(Asic::Ptr<IngIpmcRemapTableUtil> util) override { util_ = std::move(util); }
-
- private:
-   std::string name_;
-   Asic::Ptr<IngIpmcRemapTableUtil> util_;
 };
 
 Asic::Ptr<IngIpmcRemapTable> ingIpmcRemapTableFactory();

@@ -13,17 +13,5 @@ Asic::Ptr<const IngIpmcRemapTable::EntryHandle> IngIpmcRemapTable::entryWriteAtI
    return entryCommit(key, entry);
 }
 
-std::optional<IngIpmcRemapTable::Key> IngIpmcRemapTable::swKeyFromHwIndex(Asic::Index index) const {
-   auto* alloc = indexAllocator();
-   if (!alloc) return std::nullopt;
-   Asic::GenericValue owner = alloc->keyForIndex(index, Asic::vixType<Key>());
-   if (const Key* key = owner.get<Key>()) return *key;
-   return std::nullopt;
-}
-
-Asic::Index IngIpmcRemapTable::hwIndexOnlyForCrossAgentCommunication(const Key& key) const {
-   const EntryHandle* eh = entryHandle(key);
-   return eh ? eh->hwIndexForDependentField() : Asic::invalidIndex;
-}
 
 }  // namespace VelmarMcast

@@ -4,18 +4,9 @@
 
 #include <fmt/format.h>
 
+#include "ChipSim/plugins/SimUtilCommon.h"
+
 namespace ChipSim {
-namespace {
-
-Asic::HwTable& boundHwTable(VelmarMcast::IngIpmcRemapTable& table) {
-   if (!table.hwTable()) {
-      throw std::logic_error(
-          fmt::format("{}: no hardware table bound", VelmarMcast::IngIpmcRemapTable::kTypeName));
-   }
-   return *table.hwTable();
-}
-
-}  // namespace
 
 std::array<std::uint32_t, IngIpmcRemapTableSimUtil::kEntryWords> IngIpmcRemapTableSimUtil::encode(
     const Entry& entry) {

@@ -1,0 +1,63 @@
+#pragma once
+// The MMU replication list L2 sub-port table: per entry, the L2 sub-ports a replication
+// goes to and a two-bit mode. The entry is its own key and needs no other table's entry.
+// Its indices come from the replication list index space, so that an L2 sub-port entry can
+// sit in the same index range as the replication list that uses it.
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "AsicSwTable/SwTableAccessor.h"
+#include "VelmarMcast/MmuReplListL2SubPortEntry.h"
+#include "VelmarMcast/MmuReplListTable.h"
+#include "VelmarMcast/TableUtilLoader.h"
+
+namespace VelmarMcast {
+
+class MmuReplListL2SubPortTableUtil;
+
+class MmuReplListL2SubPortTable
+    : public Asic::SwTableImpl<MmuReplListL2SubPortTable, MmuReplListL2SubPortTableEntry,
+                               MmuReplListL2SubPortTableEntry, MmuReplListL2SubPortTableUtil> {
+ public:
+   static constexpr std::string_view kTypeName = "VelmarMcast::MmuReplListL2SubPortTable";
+   using SharedAllocator = MmuReplListSharedAllocator;
+   struct Traits {
+      static constexpr bool isUnknownIndexTable = true;
+      static constexpr bool hasRemoteAllocator = false;
+      static constexpr bool getBlockSizeDefinedByUser = true;
+   };
+   using UtilLoader = TableUtilLoader<MmuReplListL2SubPortTable>;
+
+   MmuReplListL2SubPortTable();
+
+   // Places the entry at `index` instead of one the allocator picks: the index is bound to
+   // the entry first, then the entry is committed and programmed there (it needs no other
+   // entry, so there is nothing to resolve). Throws std::invalid_argument, changing
+   // nothing, when the allocator will not give the entry that index.
+   Asic::Ptr<const EntryHandle> entryWriteAtIndex(Asic::Index index, const Entry& entry);
+
+
+   // No dependent fields.
+   template <typename F>
+   static void forEachNeededEntryHandle(const Entry&, F&&) {}
+   static void resolveDependentFields(Entry&) {}
+   template <typename F>
+   static void forEachDependentField(const Entry&, const Entry&, F&&) {}
+};
+
+// Hardware hooks of the L2 sub-port table; the chip's plug-in implements the pure ones.
+class MmuReplListL2SubPortTableUtil : public Asic::SwTableUtilT<MmuReplListL2SubPortTable> {
+ public:
+   static constexpr std::string_view kTypeName = "VelmarMcast::MmuReplListL2SubPortTable::Util";
+   explicit MmuReplListL2SubPortTableUtil(std::string name) : SwTableUtilT(std::move(name)) {}
+
+   Asic::Index getHwIndex(const Asic::SwTableBase::EntryHandle* eh) const {
+      return Asic::SwTableBase::getHwEntryIndex(eh);
+   }
+};
+
+Asic::Ptr<MmuReplListL2SubPortTable> mmuReplListL2SubPortTableFactory();
+
+}  // namespace VelmarMcast

@@ -1,0 +1,246 @@
+// The replication list's value types and its table entry: canonical order and hash whatever
+// the insertion history, identity-only comparison, the const cache of derived hardware
+// entries, copy and move, and the checks on the entry sizes.
+
+#include <algorithm>
+#include <cstdint>
+#include <stdexcept>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include <absl/hash/hash_testing.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Asic/Assert.h"
+#include "AsicSwTable/SwTableTraits.h"
+#include "VelmarMcast/McastIpmcRemapTable.h"
+#include "VelmarMcast/MmuReplListEntry.h"
+#include "VelmarMcast/VelmarMcastTestEntryHandle.h"
+
+namespace VelmarMcast {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using Entry = MmuReplListTableEntry;
+using HandlePtr = Asic::Ptr<VelmarMcastTestEntryHandle>;
+
+static_assert(Asic::SwTableEntry<Entry> && Asic::SwTableKey<Entry>,
+              "the engine must accept the entry as value and as its own key");
+
+Ulm::PerUnitBitmap bitmapOf(std::initializer_list<std::size_t> bits) {
+   Ulm::PerUnitBitmap b;
+   for (std::size_t bit : bits) b.bitIs(bit, true);
+   return b;
+}
+
+// Verify that ports iterate ascending and compare and hash the same whatever order they
+// were added in, and that an empty list has no first port.
+TEST(MmuReplListTypesTest, PortListIsCanonical) {
+   PortList a;
+   for (std::uint16_t p : {7, 1, 2, 7}) a.portIs(p);
+   EXPECT_THAT(std::vector<std::uint16_t>(a.begin(), a.end()), ElementsAre(1, 2, 7));
+   EXPECT_EQ(a, PortList({2, 7, 1}));
+   EXPECT_EQ(a.hash(3), PortList({2, 7, 1}).hash(3));
+   EXPECT_EQ(a.firstPort(), 1);
+   EXPECT_EQ(a.toString(), "{1, 2, 7}");
+   try {
+      (void)PortList().firstPort();
+      FAIL() << "an empty port list returned a first port";
+   } catch (const std::out_of_range& e) {
+      EXPECT_THAT(e.what(), HasSubstr("VelmarMcast::PortList"));
+   }
+}
+
+// Verify the total orders (prefix first; next hop before port; lsbVlan, then bitmap, then
+// numBits) and that every value type hashes consistently with its equality.
+TEST(MmuReplListTypesTest, OrdersAndHashes) {
+   EXPECT_LT(PortList(), PortList({0}));
+   EXPECT_LT(PortList({1}), PortList({1, 2}));
+   EXPECT_LT(PortList({1, 9}), PortList({2}));
+   EXPECT_LT((NextHopPortInfo{1, 9}), (NextHopPortInfo{2, 0}));
+   EXPECT_LT((SparseReplListEntry{{1, 5}}), (SparseReplListEntry{{2, 0}}));
+   const DenseReplListEntry base{0, bitmapOf({1}), 9};
+   EXPECT_LT(base, (DenseReplListEntry{1, bitmapOf({0}), 0}));
+   EXPECT_LT(base, (DenseReplListEntry{0, bitmapOf({2}), 0}));
+   EXPECT_LT(base, (DenseReplListEntry{0, bitmapOf({1}), 10}));
+
+   EXPECT_TRUE(absl::VerifyTypeImplementsAbslHashCorrectly(
+       {PortList(), PortList({0}), PortList({0, 1}), PortList({1, 0}), PortList({1})}));
+   EXPECT_TRUE(absl::VerifyTypeImplementsAbslHashCorrectly(
+       {SparseReplListEntry(), SparseReplListEntry{{0, 1}}, SparseReplListEntry{{0, 1}, {0, 2}},
+        SparseReplListEntry{{0, 2}, {0, 1}}, SparseReplListEntry{{1, 0}}}));
+   EXPECT_TRUE(absl::VerifyTypeImplementsAbslHashCorrectly(
+       {DenseReplListEntry{}, DenseReplListEntry{0, bitmapOf({3}), 1},
+        DenseReplListEntry{1, bitmapOf({3}), 1}, DenseReplListEntry{0, bitmapOf({3}), 2}}));
+}
+
+class MmuReplListEntryTest : public ::testing::Test {
+ protected:
+   HandlePtr h1_ = testEntryHandle(10);
+   HandlePtr h2_ = testEntryHandle(20);
+
+   static Entry list(std::uint32_t genId, std::vector<std::pair<HandlePtr, PortList>> handles) {
+      Entry e;
+      e.genIdIs(genId);
+      for (auto& [eh, ports] : handles) e.egressObjectHandleIs(eh, ports);
+      return e;
+   }
+};
+
+// Verify that identity is the handles with their ports plus genId, and nothing else: derived
+// fields, sizes, callback and insertion order change neither equality, order nor hash.
+TEST_F(MmuReplListEntryTest, IdentityIsHandlesPortsAndGenId) {
+   EXPECT_FALSE(Entry());
+   EXPECT_TRUE(list(5, {}));
+   EXPECT_TRUE(list(0, {{h1_, {1}}}));
+
+   const Entry a = list(3, {{h1_, {1}}, {h2_, {4}}});
+   Entry b = list(3, {{h2_, {4}}, {h1_, {1}}});
+   b.egressObjectIs(10, {1});
+   b.sparseEntrySizeIs(4);
+   b.denseEntrySizeIs(64);
+   b.sparseReplListEntryIs(SparseReplListEntry{{10, 1}}, true);
+   b.writeResponseFn = [](Asic::SwTableBase::EntryState) {};
+   EXPECT_EQ(a, b);
+   EXPECT_EQ(a <=> b, std::strong_ordering::equal);
+   EXPECT_EQ(a.hash(7), b.hash(7));
+
+   const std::vector<Entry> others = {list(4, {{h1_, {1}}, {h2_, {4}}}),
+                                      list(3, {{h1_, {1, 2}}, {h2_, {4}}}), list(3, {{h1_, {1}}}),
+                                      list(3, {})};
+   for (std::size_t i = 0; i < others.size(); ++i) {
+      EXPECT_NE(a, others[i]) << "other #" << i;
+      EXPECT_NE(a <=> others[i], std::strong_ordering::equal) << "other #" << i;
+      EXPECT_NE(a.hash(7), others[i].hash(7)) << "other #" << i;
+   }
+}
+
+// Verify that the order walks handles by address, then ports, then the handle count, then
+// genId, and is a strict total order consistent with equality.
+TEST_F(MmuReplListEntryTest, OrderIsByHandleAddressThenPortsThenCountThenGenId) {
+   auto [low, high] = std::minmax(h1_, h2_, [](const HandlePtr& a, const HandlePtr& b) {
+      return std::less<>()(a.get(), b.get());
+   });
+   EXPECT_LT(list(9, {{low, {9}}}), list(0, {{high, {1}}}));
+   EXPECT_LT(list(9, {{low, {1}}}), list(0, {{low, {2}}}));
+   EXPECT_LT(list(9, {{low, {1}}}), list(0, {{low, {1}}, {high, {1}}}));
+   EXPECT_LT(list(1, {{low, {1}}}), list(2, {{low, {1}}}));
+
+   const std::vector<Entry> all = {list(0, {}), list(1, {}), list(0, {{low, {1}}}),
+                                   list(0, {{high, {1}}}), list(0, {{low, {1}}, {high, {2}}})};
+   for (const Entry& a : all) {
+      for (const Entry& b : all) {
+         EXPECT_EQ((a <=> b) == 0, a == b) << a.toString() << " vs " << b.toString();
+         EXPECT_EQ(a <=> b, 0 <=> (b <=> a)) << a.toString() << " vs " << b.toString();
+      }
+   }
+}
+
+// Verify that the derived lists are filled through a const entry without moving its hash,
+// and that an equal sparse entry added twice stays one element.
+TEST_F(MmuReplListEntryTest, ConstMutatorsFillTheCacheWithoutTouchingIdentity) {
+   const Entry e = list(4, {{h1_, {1}}});
+   const std::size_t before = e.hash(11);
+   e.sparseReplListEntryIs(SparseReplListEntry{{10, 1}, {11, 1}}, true);
+   e.sparseReplListEntryIs(SparseReplListEntry{{11, 1}, {10, 1}}, true);
+   e.denseReplListEntryIs(DenseReplListEntry{0, bitmapOf({1, 2}), 2}, true);
+   EXPECT_EQ(e.sparseReplListEntries().size(), 1u);
+   EXPECT_EQ(e.denseReplListEntries().size(), 1u);
+   EXPECT_EQ(e.hash(11), before);
+   e.denseReplListEntryDelAll();
+   EXPECT_TRUE(e.denseReplListEntries().empty());
+}
+
+// Verify that a copy is deep (changing the copy leaves the original) and that a move takes
+// only the three ordered collections, leaving them empty in the source.
+TEST_F(MmuReplListEntryTest, CopyIsDeepAndMoveTakesTheOrderedCollections) {
+   Entry original = list(6, {{h1_, {1}}});
+   original.sparseEntrySizeIs(2);
+   original.denseEntrySizeIs(64);
+   original.egressObjectIs(10, {1});
+   original.sparseReplListEntryIs(SparseReplListEntry{{10, 1}}, true);
+   original.denseReplListEntryIs(DenseReplListEntry{}, true);
+   const std::string text = original.toString();
+
+   Entry copy = original;
+   EXPECT_EQ(copy.toString(), text);
+   copy.egressObjectHandleIs(h1_, {9});
+   copy.egressObjectIs(10, {9});
+   copy.sparseReplListEntryDelAll();
+   EXPECT_EQ(original.toString(), text);
+
+   auto checkMoved = [&](const Entry& source, const Entry& target, const char* how) {
+      EXPECT_EQ(target.toString(), text) << how;
+      EXPECT_TRUE(source.egressObjects().empty() && source.sparseReplListEntries().empty() &&
+                  source.denseReplListEntries().empty())
+          << how;
+      EXPECT_EQ(source, original) << how << ": handles and genId are copied";
+      EXPECT_EQ(source.denseEntrySize(), 64) << how;
+   };
+   Entry source = original;
+   Entry constructed(std::move(source));
+   checkMoved(source, constructed, "construction");
+   Entry source2 = original;
+   Entry assigned;
+   assigned = std::move(source2);
+   checkMoved(source2, assigned, "assignment");
+}
+
+class EntrySizeTest : public ::testing::TestWithParam<std::tuple<bool, int, bool>> {};
+
+// Verify that the dense size is 0 or a power of two up to 64 and the sparse size is not 0,
+// and that a refusal names the field and the value and keeps the old size.
+TEST_P(EntrySizeTest, RefusesSizesTheLayoutCannotUse) {
+   const auto [dense, size, valid] = GetParam();
+   Entry e;
+   auto set = [&](int s) {
+      if (dense) {
+         e.denseEntrySizeIs(static_cast<std::uint8_t>(s));
+      } else {
+         e.sparseEntrySizeIs(static_cast<std::uint8_t>(s));
+      }
+   };
+   auto get = [&] { return dense ? e.denseEntrySize() : e.sparseEntrySize(); };
+   set(8);
+   if (valid) {
+      set(size);
+      EXPECT_EQ(get(), size);
+      return;
+   }
+   try {
+      set(size);
+      FAIL() << "size " << size << " was accepted";
+   } catch (const std::invalid_argument& err) {
+      EXPECT_THAT(err.what(),
+                  HasSubstr(fmt::format("{}EntrySize {} ", dense ? "dense" : "sparse", size)));
+   }
+   EXPECT_EQ(get(), 8);
+}
+
+INSTANTIATE_TEST_SUITE_P(MmuReplListEntry, EntrySizeTest,
+                         ::testing::Values(std::tuple(true, 0, true), std::tuple(true, 1, true),
+                                           std::tuple(true, 64, true), std::tuple(true, 3, false),
+                                           std::tuple(true, 48, false),
+                                           std::tuple(true, 128, false),
+                                           std::tuple(false, 0, false), std::tuple(false, 1, true),
+                                           std::tuple(false, 255, true)));
+
+// Verify that a null handle is refused and that an entry cannot be read from text.
+TEST_F(MmuReplListEntryTest, RefusesNullHandleAndText) {
+   Entry e;
+   EXPECT_THROW(e.egressObjectHandleIs(nullptr, {1}), std::invalid_argument);
+   Asic::ScopedAssertThrow throwing;
+   Asic::CharRange range{"{genId: 1}"};
+   try {
+      Entry fromText(range);
+      FAIL() << "an entry was read from text";
+   } catch (const Asic::AssertionError& err) {
+      EXPECT_EQ(err.info().message, "No String constructor for Entry - has collection");
+   }
+}
+
+}  // namespace
+}  // namespace VelmarMcast

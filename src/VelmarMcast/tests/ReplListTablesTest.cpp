@@ -1,0 +1,320 @@
+// The replication list and L2 sub-port tables end to end on the simulated chip: lists wait
+// for their egress objects, take scattered blocks from the shared index space, are written
+// as chains, removed with every index returned, and survive a restart of every software
+// object: unchanged lists are reconciled through a dependent's suggestion without a write,
+// stale ones are purged.
+
+#include <algorithm>
+#include <map>
+#include <set>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Asic/Assert.h"
+#include "Asic/EventLoop.h"
+#include "ChipSim/Chip.h"
+#include "ChipSim/plugins/MmuReplListL2SubPortTableSimUtil.h"
+#include "ChipSim/plugins/MmuReplListTableSimUtil.h"
+#include "VelmarMcast/MmuReplListL2SubPortTable.h"
+#include "VelmarMcast/MmuReplListTable.h"
+#include "VelmarMcast/VelmarMcastTestEntryHandle.h"
+
+namespace VelmarMcast::Testing {
+namespace {
+
+using ::testing::ElementsAre;
+using State = Asic::SwTableBase::EntryState;
+using Status = Asic::SwTable::ReconciliationStatus;
+using ListEntry = MmuReplListTable::Entry;
+using L2Entry = MmuReplListL2SubPortTable::Entry;
+using ChipSim::ReplListFormat;
+using ChipSim::L2SubPortFormat;
+
+constexpr std::uint32_t kEntries = 1024;
+
+class ReplListTablesTest : public ::testing::Test {
+ protected:
+   void SetUp() override { tablesIs(); }
+   void TearDown() override {
+      if (lists_) lists_->cleanup();
+      if (l2_) l2_->cleanup();
+   }
+
+   // Fresh tables over the chip's memories, which keep whatever they hold.
+   void tablesIs() {
+      if (lists_) lists_->cleanup();
+      if (l2_) l2_->cleanup();
+      listHw_ = chip_.tableIs(ReplListFormat::kMemory, kEntries, ReplListFormat::kEntryWords);
+      l2Hw_ = chip_.tableIs(L2SubPortFormat::kMemory, kEntries, L2SubPortFormat::kEntryWords);
+      lists_ = mmuReplListTableFactory();
+      lists_->hwTableIs(listHw_);
+      lists_->utilIs(Asic::makePtr<ChipSim::MmuReplListTableSimUtil>());
+      lists_->doCreateAllocator();
+      l2_ = mmuReplListL2SubPortTableFactory();
+      l2_->hwTableIs(l2Hw_);
+      l2_->utilIs(Asic::makePtr<ChipSim::MmuReplListL2SubPortTableSimUtil>());
+      l2_->doCreateAllocator();
+   }
+
+   // Every software object goes, the chip stays; the new tables read it back.
+   void restart() {
+      loop_.runUntilIdle();
+      lists_->cleanup();
+      l2_->cleanup();
+      lists_.reset();
+      l2_.reset();
+      ASSERT_EQ(Asic::GenericIndexAllocatorStub::sharedAllocator(MmuReplListSharedAllocator::kTypeName),
+                nullptr);
+      tablesIs();
+      for (auto* table : {static_cast<Asic::SwTable*>(lists_.get()),
+                          static_cast<Asic::SwTable*>(l2_.get())}) {
+         table->configReplayCompleteIs(false);
+      }
+      lists_->syncEntries();
+      l2_->syncEntries();
+      listHw_->countersReset();
+      l2Hw_->countersReset();
+   }
+
+   // A list over egress objects at the given next-hop indices, one port each (port = index
+   // modulo 32), programmed handles.
+   ListEntry list(const std::vector<Asic::Index>& nextHops, std::uint32_t genId = 1,
+                  std::uint8_t sparse = 4, std::uint8_t dense = 0) {
+      ListEntry entry;
+      for (Asic::Index nh : nextHops) {
+         auto& eh = egress_[nh];
+         if (!eh) eh = testEntryHandle(nh, State::success);
+         entry.egressObjectHandleIs(eh, PortList{static_cast<std::uint16_t>(nh % 32)});
+      }
+      entry.genIdIs(genId);
+      entry.sparseEntrySizeIs(sparse);
+      entry.denseEntrySizeIs(dense);
+      return entry;
+   }
+
+   std::vector<Asic::Index> chainAt(Asic::Index first) const {
+      return ChipSim::chainAt<ReplListFormat>(*listHw_, first);
+   }
+   std::size_t validEntries(const Asic::Ptr<ChipSim::SimHwTable>& hw) const {
+      std::size_t n = 0;
+      hw->forEachValidEntry([&n](Asic::Index, Asic::HwTable::Words) { ++n; });
+      return n;
+   }
+   Asic::GenericIndexAllocator& alloc() const { return *lists_->indexAllocator(); }
+
+   Asic::ScopedAssertThrow asserts_;
+   Asic::EventLoop loop_;
+   ChipSim::Chip chip_{loop_, 0};
+   Asic::Ptr<ChipSim::SimHwTable> listHw_;
+   Asic::Ptr<ChipSim::SimHwTable> l2Hw_;
+   Asic::Ptr<MmuReplListTable> lists_;
+   Asic::Ptr<MmuReplListL2SubPortTable> l2_;
+   std::map<Asic::Index, Asic::Ptr<VelmarMcastTestEntryHandle>> egress_;
+};
+
+TEST_F(ReplListTablesTest, BothTablesDrawFromOneAllocatorThatNeverHandsOutIndexZero) {
+   ASSERT_EQ(lists_->indexAllocator(), l2_->indexAllocator());
+   EXPECT_EQ(alloc().allocatorTypeName(), MmuReplListSharedAllocator::kTypeName);
+   std::set<Asic::Index> used;
+   for (std::uint32_t n = 0; n < 40; ++n) {
+      auto eh = lists_->entryCommit(list({n + 1}, n + 1), list({n + 1}, n + 1));
+      auto l2 = l2_->entryCommit(L2Entry(1, Ulm::PerUnitBitmap(std::vector<std::uint32_t>{n + 1, 0})),
+                                 L2Entry(1, Ulm::PerUnitBitmap(std::vector<std::uint32_t>{n + 1, 0})));
+      loop_.runUntilIdle();
+      for (Asic::Index index : lists_->hwIndices(list({n + 1}, n + 1))) {
+         EXPECT_NE(index, 0u);
+         EXPECT_TRUE(used.insert(index).second) << "index " << index << " handed out twice";
+      }
+      EXPECT_NE(l2->hwIndex(), 0u);
+      EXPECT_TRUE(used.insert(l2->hwIndex()).second);
+   }
+}
+
+TEST_F(ReplListTablesTest, ListWaitsForItsEgressObjectsThenIsWrittenAsOneChain) {
+   // Verify that a list stays unresolved, with nothing written, until every egress object
+   // handle has an index, and is then written over exactly getBlockSize() indices chained
+   // from the first.
+   auto late = testEntryHandle();  // not yet programmed
+   ListEntry entry = list({3, 7, 9, 12, 40});
+   entry.egressObjectHandleIs(late, PortList{5, 6});
+   auto eh = lists_->entryCommit(entry, entry);
+   loop_.runUntilIdle();
+   EXPECT_EQ(eh->entryState(), State::unresolved);
+   EXPECT_EQ(listHw_->counters().writes, 0u);
+
+   late->programmedIs(100);
+   loop_.runUntilIdle();
+   ASSERT_EQ(eh->entryState(), State::success);
+   const auto indices = lists_->hwIndices(entry);
+   ASSERT_EQ(indices.size(), 2u) << "7 (next hop, port) pairs in sparse entries of 4";
+   EXPECT_EQ(eh->hwIndex(), indices.front());
+   EXPECT_EQ(chainAt(eh->hwIndex()), indices);
+   EXPECT_EQ(listHw_->counters().writes, 2u);
+   const auto resolved = lists_->entry(entry);
+   EXPECT_EQ(resolved.egressObjects().size(), 6u);
+   EXPECT_TRUE(resolved.egressObjectHas(100));
+}
+
+TEST_F(ReplListTablesTest, DenseListRoundTripsThroughTheChip) {
+   // Next hops 0..5 share bucket 0 and become one dense entry; 70 stays sparse.
+   ListEntry entry = list({64, 65, 66, 67, 69, 200}, 1, 4, 64);
+   auto eh = lists_->entryCommit(entry, entry);
+   loop_.runUntilIdle();
+   ASSERT_EQ(eh->entryState(), State::success);
+   const auto resolved = lists_->entry(entry);
+   ASSERT_EQ(resolved.denseReplListEntries().size(), 1u);
+   ASSERT_EQ(resolved.sparseReplListEntries().size(), 1u);
+   EXPECT_EQ(chainAt(eh->hwIndex()).size(), 2u);
+   ChipSim::MmuReplListTableSimUtil util;
+   EXPECT_TRUE(util.compareHwEntries(*lists_, eh->hwIndex(), resolved));
+}
+
+TEST_F(ReplListTablesTest, RemovalDeletesEveryEntryAndReturnsEveryIndex) {
+   const std::uint32_t usedBefore = alloc().totalUsedIndices();
+   ListEntry entry = list({1, 2, 3, 4, 5, 6, 7, 8, 9});
+   {
+      auto eh = lists_->entryCommit(entry, entry);
+      loop_.runUntilIdle();
+      ASSERT_EQ(eh->entryState(), State::success);
+   }
+   const auto indices = lists_->hwIndices(entry);
+   ASSERT_EQ(indices.size(), 3u);
+   lists_->entryRemove(entry);
+   loop_.runUntilIdle();
+   EXPECT_FALSE(lists_->entryHandleHas(entry));
+   EXPECT_TRUE(lists_->hwIndices(entry).empty());
+   EXPECT_EQ(alloc().totalUsedIndices(), usedBefore);
+   for (Asic::Index index : indices) EXPECT_TRUE(alloc().isIndexFree(index)) << index;
+   EXPECT_EQ(validEntries(listHw_), 0u);
+}
+
+TEST_F(ReplListTablesTest, GenIdMakesAnotherListOverTheSameEgressObjects) {
+   auto a = lists_->entryCommit(list({1, 2}, 1), list({1, 2}, 1));
+   auto b = lists_->entryCommit(list({1, 2}, 2), list({1, 2}, 2));
+   loop_.runUntilIdle();
+   EXPECT_NE(a.get(), b.get());
+   EXPECT_NE(a->hwIndex(), b->hwIndex());
+   EXPECT_EQ(validEntries(listHw_), 2u);
+}
+
+TEST_F(ReplListTablesTest, RestartReconcilesThroughASuggestionWithoutAWriteAndPurgesStaleLists) {
+   const ListEntry kept = list({1, 2, 3, 4, 5, 6}, 1);
+   const ListEntry stale = list({7, 8, 9, 10, 11}, 2);
+   Asic::Index keptFirst = 0;
+   std::vector<Asic::Index> staleIndices;
+   {
+      auto k = lists_->entryCommit(kept, kept);
+      auto s = lists_->entryCommit(stale, stale);
+      loop_.runUntilIdle();
+      keptFirst = k->hwIndex();
+      staleIndices = lists_->hwIndices(stale);
+   }
+   ASSERT_EQ(staleIndices.size(), 2u);
+   ASSERT_NO_FATAL_FAILURE(restart());
+   EXPECT_EQ(lists_->syncedEntries().size(), 2u);
+
+   // The replay: the kept list, and a new one that must not land on the stale list's entries.
+   auto k = lists_->entryCommit(kept, kept);
+   const ListEntry fresh = list({20, 21, 22, 23, 24, 25, 26, 27, 28}, 3);
+   auto f = lists_->entryCommit(fresh, fresh);
+   EXPECT_EQ(k->entryState(), State::unresolved) << "held back: no index known for it yet";
+   // The replication head that points at the kept list suggests where it sits.
+   Asic::SwTableBase::suggestIndicesToNeededEntryHandle(k.get(), {keptFirst});
+   EXPECT_EQ(k->entryState(), State::indexReconciled);
+   EXPECT_EQ(k->hwIndex(), keptFirst);
+   EXPECT_EQ(lists_->reconciliationStats()[Status::reconciled], 1u);
+
+   lists_->doInitComplete();
+   lists_->purgeStaleEntries();
+   loop_.runUntilIdle();
+   EXPECT_EQ(lists_->reconciliationStats()[Status::staleEntryDeleted], 1u);
+   EXPECT_TRUE(lists_->syncedEntries().empty());
+   EXPECT_EQ(listHw_->counters().clears, staleIndices.size());
+   EXPECT_EQ(listHw_->counters().writes, 3u) << "only the new list (9 pairs / 4) is written";
+   for (Asic::Index index : lists_->hwIndices(fresh)) {
+      EXPECT_EQ(std::count(staleIndices.begin(), staleIndices.end(), index), 0)
+          << "the new list took index " << index << " of a stale list before the purge";
+   }
+   for (Asic::Index index : staleIndices) EXPECT_TRUE(alloc().isIndexFree(index)) << index;
+   EXPECT_EQ(chainAt(keptFirst), lists_->hwIndices(kept));
+   EXPECT_EQ(f->entryState(), State::success);
+}
+
+TEST_F(ReplListTablesTest, SuggestionWithOtherContentsIsTakenOnlyAtInitComplete) {
+   // Verify that a suggested list whose entries differ is not adopted during the replay,
+   // and that at the end of the replay the held-back list takes it over in place (one
+   // write) while its own old entries are purged.
+   const ListEntry a = list({1, 2, 3}, 1);
+   const ListEntry b = list({4, 5, 6}, 2);
+   Asic::Index bFirst = 0;
+   {
+      auto ha = lists_->entryCommit(a, a);
+      auto hb = lists_->entryCommit(b, b);
+      loop_.runUntilIdle();
+      bFirst = hb->hwIndex();
+   }
+   ASSERT_NO_FATAL_FAILURE(restart());
+   auto ha = lists_->entryCommit(a, a);
+   Asic::SwTableBase::suggestIndicesToNeededEntryHandle(ha.get(), {bFirst});
+   EXPECT_EQ(ha->entryState(), State::unresolved) << "b's entries differ from a's";
+   lists_->doInitComplete();
+   lists_->purgeStaleEntries();
+   loop_.runUntilIdle();
+   EXPECT_EQ(ha->entryState(), State::success);
+   EXPECT_EQ(ha->hwIndex(), bFirst);
+   EXPECT_EQ(lists_->reconciliationStats()[Status::indexReconciledContentsDiffer], 1u);
+   EXPECT_EQ(lists_->reconciliationStats()[Status::staleEntryDeleted], 1u);
+   EXPECT_EQ(listHw_->counters().writes, 1u);
+   EXPECT_EQ(validEntries(listHw_), 1u);
+   ChipSim::MmuReplListTableSimUtil util;
+   EXPECT_TRUE(util.compareHwEntries(*lists_, bFirst, lists_->entry(a)));
+}
+
+// --- L2 sub-port table --------------------------------------------------------------------
+
+L2Entry l2Entry(std::uint32_t mode, std::uint32_t bits) {
+   return L2Entry(mode, Ulm::PerUnitBitmap(std::vector<std::uint32_t>{bits, 0}));
+}
+
+TEST_F(ReplListTablesTest, L2EntryWriteAtIndexProgramsThereAndRefusesATakenIndex) {
+   auto eh = l2_->entryWriteAtIndex(17, l2Entry(2, 0xF0));
+   loop_.runUntilIdle();
+   EXPECT_EQ(eh->hwIndex(), 17u);
+   EXPECT_EQ(eh->resolvedEntryState(), State::success);
+   std::array<std::uint32_t, L2SubPortFormat::kEntryWords> words{};
+   ASSERT_TRUE(l2Hw_->entryRead(17, words));
+   EXPECT_EQ(L2SubPortFormat::decode(words).mode, 2u);
+
+   const auto writes = l2Hw_->counters().writes;
+   EXPECT_THROW(l2_->entryWriteAtIndex(17, l2Entry(1, 1)), std::invalid_argument);
+   EXPECT_THROW(l2_->entryWriteAtIndex(0, l2Entry(1, 1)), std::invalid_argument) << "reserved";
+   loop_.runUntilIdle();
+   EXPECT_EQ(l2Hw_->counters().writes, writes);
+   EXPECT_FALSE(l2_->entryHandleHas(l2Entry(1, 1)));
+}
+
+TEST_F(ReplListTablesTest, L2RestartReconcilesUnchangedEntriesAndPurgesStaleOnes) {
+   Asic::Index keptIndex = 0;
+   {
+      auto kept = l2_->entryCommit(l2Entry(1, 0x3), l2Entry(1, 0x3));
+      auto stale = l2_->entryCommit(l2Entry(3, 0x30), l2Entry(3, 0x30));
+      loop_.runUntilIdle();
+      keptIndex = kept->hwIndex();
+   }
+   ASSERT_NO_FATAL_FAILURE(restart());
+   auto kept = l2_->entryCommit(l2Entry(1, 0x3), l2Entry(1, 0x3));
+   Asic::SwTableBase::suggestIndicesToNeededEntryHandle(kept.get(), {keptIndex});
+   l2_->doInitComplete();
+   l2_->purgeStaleEntries();
+   loop_.runUntilIdle();
+   EXPECT_EQ(kept->hwIndex(), keptIndex);
+   EXPECT_EQ(l2Hw_->counters().writes, 0u);
+   EXPECT_EQ(l2Hw_->counters().clears, 1u);
+   EXPECT_EQ(validEntries(l2Hw_), 1u);
+   EXPECT_EQ(l2_->swKeyFromHwIndex(keptIndex), l2Entry(1, 0x3));
+}
+
+}  // namespace
+}  // namespace VelmarMcast::Testing
