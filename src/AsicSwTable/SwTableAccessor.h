@@ -184,6 +184,10 @@ class SwTableUtilT : public SwTableUtilHwT<T> {
  public:
    using SwTableUtilHwT<T>::SwTableUtilHwT;
 
+   // Refuses, before anything changes, a value this chip cannot hold (throws
+   // std::invalid_argument naming what does not fit).
+   virtual void entryValidate(const typename T::Entry&) const {}
+
    // Value of a dependent field as a hardware index of the needed table.
    virtual Index dependentFieldValueToHwIndex(Index value) const { return value; }
    // Index a dependent table writes for one of this table's handles.
@@ -224,6 +228,7 @@ class SwTable::Accessor {
    // Stores a value as resolved without the commit path (no needed entries to wait for):
    // the key is committed and programmed at once.
    Ptr<EntryHandle> entryResolvedIs(const Key& key, const Entry& entry) {
+      entryValidate(entry);
       Ptr<EntryHandle> eh = swTable_->entryHandleIs(key, swTable_);
       typeCommitted(eh.get());
       setResolvedEntry(key, entry);
@@ -1021,7 +1026,14 @@ class SwTable::Accessor {
       return Ptr<EntryHandle>(eh);
    }
 
+   // A value the table or its chip cannot take is refused before anything changes.
+   void entryValidate(const Entry& entry) const {
+      if constexpr (requires { T::entryValidate(entry); }) T::entryValidate(entry);
+      if (const Util* util = swTable_->utilIfExists()) util->entryValidate(entry);
+   }
+
    Ptr<EntryHandle> commit(const Key& key, const Entry& entry, bool ref, const char* op) {
+      entryValidate(entry);
       auto type = [ref](EntryHandle* eh) { ref ? typeReferenced(eh) : typeCommitted(eh); };
       if (UnresolvedEntry* ue = swTable_->unresolvedEntry(key)) {
          if (ue->entry() == entry) {

@@ -1,5 +1,7 @@
 #include "VelmarMcast/MmuReplListTable.h"
 
+#include <stdexcept>
+
 #include "Asic/Trace.h"
 #include "Asic/TypeRegistry.h"
 
@@ -53,6 +55,24 @@ MmuReplListTable::MmuReplListTable() : SwTableImpl("") {
    (void)libraryLoad();
    hwResponseNeededIs(true);
    utilIs(UtilLoader::instance().utilForNewTable());
+}
+
+void MmuReplListTable::entryValidate(const Entry& entry) {
+   const unsigned leastSparse = entry.denseEntrySize() == 0 ? 1 : 2;
+   if (entry.sparseEntrySize() < leastSparse) {
+      throw std::invalid_argument(fmt::format(
+          "{}: list {}: sparseEntrySize {} is below {} (denseEntrySize {})", kTypeName, entry,
+          entry.sparseEntrySize(), leastSparse, entry.denseEntrySize()));
+   }
+   if (entry.denseEntrySize() == 0) return;
+   for (const auto& [eh, ports] : entry.egressObjectHandles()) {
+      if (ports.size() != 1) {
+         throw std::invalid_argument(
+             fmt::format("{}: list {}: egress object {} has ports {}: dense entries take "
+                         "exactly one port per egress object",
+                         kTypeName, entry, fmt::ptr(eh.get()), ports));
+      }
+   }
 }
 
 void MmuReplListTable::resolveDependentFields(Entry& entry) {

@@ -58,6 +58,10 @@ class MmuReplListTable
 
    MmuReplListTable();
 
+   // Refuses a list the layout cannot handle: sparseEntrySize 0 (or below 2 when dense
+   // entries are allowed), or, with dense entries, an egress object without exactly one
+   // port. Throws std::invalid_argument naming the list and what is wrong.
+   static void entryValidate(const Entry& entry);
    // Fills the list's sparse and dense entries from its resolved egress objects.
    void setResolvedEntryMetaData(const Entry& entry) const { replListMetaDataIs(entry); }
 

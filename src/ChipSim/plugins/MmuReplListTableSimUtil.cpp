@@ -94,6 +94,14 @@ MmuReplListTableSimUtil::Entry MmuReplListTableSimUtil::entryFromHw(
    return entry;
 }
 
+void MmuReplListTableSimUtil::entryValidate(const Entry& entry) const {
+   if (entry.sparseEntrySize() > ReplListFormat::kMaxSparsePairs) {
+      throw std::invalid_argument(fmt::format(
+          "{}: list {}: sparseEntrySize {} exceeds the {} pairs a sparse entry holds",
+          ReplListFormat::kMemory, entry, entry.sparseEntrySize(), ReplListFormat::kMaxSparsePairs));
+   }
+}
+
 void MmuReplListTableSimUtil::hwTableEntryIs(Table& table, const std::vector<Asic::Index>& hwIndices,
                                              const Entry& key) {
    Asic::HwTable& hw = boundHwTable(table);

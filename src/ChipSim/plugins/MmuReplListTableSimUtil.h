@@ -26,6 +26,8 @@ class MmuReplListTableSimUtil : public VelmarMcast::MmuReplListTableUtil {
    // dense entry's next hops come back without ports (the chip does not keep them).
    static Entry entryFromHw(const std::vector<ReplListFormat::HwEntry>& hwEntries);
 
+   // The chip holds at most kMaxSparsePairs pairs per sparse entry.
+   void entryValidate(const Entry& entry) const override;
    void hwTableEntryIs(Table& table, const std::vector<Asic::Index>& hwIndices,
                        const Entry& key) override;
    void hwTableEntryDel(Table& table, const std::vector<Asic::Index>& hwIndices) override;

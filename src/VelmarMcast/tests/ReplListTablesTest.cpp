@@ -199,6 +199,27 @@ TEST_F(ReplListTablesTest, GenIdMakesAnotherListOverTheSameEgressObjects) {
    EXPECT_EQ(validEntries(listHw_), 2u);
 }
 
+TEST_F(ReplListTablesTest, ListTheLayoutOrTheChipCannotTakeIsRefusedBeforeAnythingChanges) {
+   auto kept = lists_->entryCommit(list({1, 2}), list({1, 2}));
+   loop_.runUntilIdle();
+   const auto used = alloc().totalUsedIndices();
+   ListEntry noSizes;
+   noSizes.egressObjectHandleIs(testEntryHandle(3, State::success), PortList{1});
+   noSizes.genIdIs(7);
+   ListEntry tooWide = list({4, 5}, 8, 9);  // the chip holds 8 pairs per sparse entry
+   ListEntry aggregated = list({6, 7}, 9, 4, 64);
+   aggregated.egressObjectHandleIs(egress_[6], PortList{1, 2});
+   ListEntry denseOfOne = list({8}, 10, 1, 64);
+   for (const ListEntry* bad : {&noSizes, &tooWide, &aggregated, &denseOfOne}) {
+      EXPECT_THROW(lists_->entryCommit(*bad, *bad), std::invalid_argument) << bad->toString();
+      EXPECT_FALSE(lists_->entryHandleHas(*bad));
+   }
+   loop_.runUntilIdle();
+   EXPECT_EQ(alloc().totalUsedIndices(), used);
+   EXPECT_EQ(kept->entryState(), State::success);
+   EXPECT_EQ(listHw_->counters().writes, 1u);
+}
+
 TEST_F(ReplListTablesTest, RestartReconcilesThroughASuggestionWithoutAWriteAndPurgesStaleLists) {
    const ListEntry kept = list({1, 2, 3, 4, 5, 6}, 1);
    const ListEntry stale = list({7, 8, 9, 10, 11}, 2);
