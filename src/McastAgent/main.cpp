@@ -1,7 +1,11 @@
-// The reference agent's entry point. For now it runs one end-to-end demonstration: IPMC
-// remap entries are committed against the simulated chip, follow their needed IPMC-index
-// handles, get indices from the shared allocator, are written, complete through the event
-// loop and are removed again; every step is read back from the chip's memory.
+// The reference agent's entry point. For now it runs an end-to-end demonstration on the
+// simulated chip, in two parts. IPMC remap entries are committed, follow their needed
+// IPMC-index handles, get indices from the shared allocator, are written, complete through
+// the event loop and are removed again. Replication lists are committed over next-hop
+// handles, laid out in sparse and dense entries, written as chains over scattered indices,
+// then survive a warm restart: the tables are rebuilt over the chip, the replay is
+// reconciled through the indices the replication heads suggest, and the lists left out of
+// the replay are purged. Every step is read back from the chip's memory.
 
 #include <unistd.h>
 
@@ -18,7 +22,9 @@
 #include "Asic/EventLoop.h"
 #include "ChipSim/Chip.h"
 #include "ChipSim/plugins/IngIpmcRemapTableSimUtil.h"
+#include "ChipSim/plugins/MmuReplListTableSimUtil.h"
 #include "VelmarMcast/McastIpmcRemapTable.h"
+#include "VelmarMcast/MmuReplListTable.h"
 #include "VelmarMcast/VelmarMcastTestEntryHandle.h"
 
 namespace {
@@ -38,10 +44,12 @@ void defaultPluginPath() {
 struct DemoOptions {
    std::uint32_t groups = 1000;
    std::uint32_t entries = 4096;
+   std::uint32_t lists = 1000;
+   std::uint32_t egress = 16;
    bool json = false;
 };
 
-int runDemo(const DemoOptions& opt) {
+bool runRemapDemo(const DemoOptions& opt, nlohmann::json& report) {
    if (opt.groups + 1 > opt.entries) {
       throw CLI::ValidationError("--groups", fmt::format("{} groups do not fit a table of {} entries "
                                                          "(index 0 is reserved)",
@@ -95,7 +103,7 @@ int runDemo(const DemoOptions& opt) {
    const auto used = table->indexAllocator()->totalUsedIndices();
    table->cleanup();
 
-   nlohmann::json report = {
+   report["remap"] = {
        {"groups", opt.groups},
        {"waitingForIpmcIndex", waiting},
        {"writes", writesBeforeResponses},
@@ -106,10 +114,8 @@ int runDemo(const DemoOptions& opt) {
        {"indicesUsedAfterRemoval", used},
        {"deletes", hw->counters().clears},
    };
-   if (opt.json) {
-      std::cout << report.dump(2) << "\n";
-   } else {
-      fmt::print("IPMC remap demo on the simulated chip ({} entries)\n", opt.entries);
+   if (!opt.json) {
+      fmt::print("IPMC remap on the simulated chip ({} entries)\n", opt.entries);
       fmt::print("  committed {} groups, {} waiting for their IPMC index\n", opt.groups, waiting);
       fmt::print("  IPMC indices programmed: {} remap writes, {} success callbacks\n",
                  writesBeforeResponses, successes);
@@ -119,9 +125,153 @@ int runDemo(const DemoOptions& opt) {
                  "deletes\n",
                  left, used, hw->counters().clears);
    }
-   const bool ok = verified == opt.groups && successes == opt.groups && left == 0 && used == 1;
-   if (!ok) std::cerr << "demo: the chip does not hold what was committed\n";
-   return ok ? 0 : 1;
+   return verified == opt.groups && successes == opt.groups && left == 0 && used == 1;
+}
+
+using VelmarMcast::MmuReplListTable;
+using ListEntry = MmuReplListTable::Entry;
+
+Asic::Ptr<MmuReplListTable> listTableOver(const Asic::Ptr<ChipSim::SimHwTable>& hw) {
+   auto table = VelmarMcast::mmuReplListTableFactory();
+   if (!table->utilIfExists()) {
+      throw std::runtime_error("no Util for VelmarMcast::MmuReplListTable: set VELMAR_PLUGIN_PATH "
+                               "to the directory holding AsicFeature/");
+   }
+   table->hwTableIs(hw);
+   table->doCreateAllocator();
+   return table;
+}
+
+// Even lists spread their egress objects over the next hops (sparse entries only); odd
+// lists take consecutive next hops of one bucket, which the layout gathers into a dense
+// entry.
+std::vector<ListEntry> replicationLists(
+    const DemoOptions& opt,
+    const std::vector<Asic::Ptr<VelmarMcast::VelmarMcastTestEntryHandle>>& nextHops) {
+   std::vector<ListEntry> lists(opt.lists);
+   const auto hops = static_cast<std::uint32_t>(nextHops.size());
+   for (std::uint32_t n = 0; n < opt.lists; ++n) {
+      const bool dense = n % 2 == 1;
+      for (std::uint32_t e = 0; e < opt.egress; ++e) {
+         const std::uint32_t nh = dense ? (n / 2 % (hops / 64)) * 64 + e : (n * 7 + e * 61) % hops;
+         lists[n].egressObjectHandleIs(nextHops[nh],
+                                       VelmarMcast::PortList{static_cast<std::uint16_t>(nh % 64)});
+      }
+      lists[n].genIdIs(n + 1);
+      lists[n].sparseEntrySizeIs(4);
+      lists[n].denseEntrySizeIs(dense ? 64 : 0);
+   }
+   return lists;
+}
+
+bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
+   Asic::EventLoop loop;
+   ChipSim::Chip chip(loop, 0);
+   const std::uint32_t entries = opt.lists * ((opt.egress + 3) / 4) + 1024;
+   auto hw = chip.tableIs(ChipSim::ReplListFormat::kMemory, entries,
+                          ChipSim::ReplListFormat::kEntryWords);
+   auto table = listTableOver(hw);
+
+   // Next hops of the egress-object tables, already programmed at indices 0..4095.
+   std::vector<Asic::Ptr<VelmarMcast::VelmarMcastTestEntryHandle>> nextHops;
+   for (Asic::Index i = 0; i < 4096; ++i) {
+      nextHops.push_back(VelmarMcast::testEntryHandle(i, Asic::SwTableBase::EntryState::success));
+   }
+   const std::vector<ListEntry> lists = replicationLists(opt, nextHops);
+   std::vector<Asic::Index> firstIndex;
+   for (const ListEntry& list : lists) table->entryCommit(list, list);
+   loop.runUntilIdle();
+   const auto coldWrites = hw->counters().writes;
+
+   // Read the chip back: each list is a chain from its first index over exactly its
+   // indices, holding exactly its entries.
+   ChipSim::MmuReplListTableSimUtil util;
+   std::uint32_t verified = 0;
+   for (const ListEntry& list : lists) {
+      const auto* eh = table->entryWeakRef(list);
+      firstIndex.push_back(eh ? eh->hwIndex() : Asic::invalidIndex);
+      if (!eh) continue;
+      verified += ChipSim::chainAt<ChipSim::ReplListFormat>(*hw, eh->hwIndex()) ==
+                      table->hwIndices(list) &&
+                  util.compareHwEntries(*table, eh->hwIndex(), table->entry(list));
+   }
+   const auto programmed = hw->memory().validEntries();
+
+   // Warm restart: every software object goes, the chip stays. One list in ten is left out
+   // of the replay; the replication heads suggest where the others sit.
+   table->cleanup();
+   table = listTableOver(hw);
+   table->configReplayCompleteIs(false);
+   table->syncEntries();
+   const auto synced = table->syncedEntries().size();
+   hw->countersReset();
+   std::uint32_t replayed = 0, dropped = 0;
+   for (std::uint32_t n = 0; n < opt.lists; ++n) {
+      if (n % 10 == 9) {
+         ++dropped;
+         continue;
+      }
+      auto eh = table->entryCommit(lists[n], lists[n]);
+      Asic::SwTableBase::suggestIndicesToNeededEntryHandle(eh.get(), {firstIndex[n]});
+      ++replayed;
+   }
+   table->doInitComplete();
+   table->purgeStaleEntries();
+   loop.runUntilIdle();
+   using Status = Asic::SwTable::ReconciliationStatus;
+   const auto& stats = table->reconciliationStats();
+   const auto warmWrites = hw->counters().writes;
+   const auto warmDeletes = hw->counters().clears;
+   const auto afterPurge = hw->memory().validEntries();
+
+   for (std::uint32_t n = 0; n < opt.lists; ++n) table->entryRemove(lists[n]);
+   loop.runUntilIdle();
+   const auto left = hw->memory().validEntries();
+   const auto used = table->indexAllocator()->totalUsedIndices();
+   table->cleanup();
+
+   report["replicationLists"] = {
+       {"lists", opt.lists},
+       {"egressObjectsPerList", opt.egress},
+       {"coldWrites", coldWrites},
+       {"entriesInChip", programmed},
+       {"listsVerified", verified},
+       {"warmRestart",
+        {{"listsSynced", synced},
+         {"listsReplayed", replayed},
+         {"reconciled", stats[Status::reconciled]},
+         {"staleListsPurged", stats[Status::staleEntryDeleted]},
+         {"writes", warmWrites},
+         {"deletes", warmDeletes},
+         {"entriesInChip", afterPurge}}},
+       {"entriesLeftAfterRemoval", left},
+       {"indicesUsedAfterRemoval", used},
+   };
+   if (!opt.json) {
+      fmt::print("Replication lists on the simulated chip ({} entries)\n", entries);
+      fmt::print("  committed {} lists of {} egress objects: {} writes, {} entries in the chip\n",
+                 opt.lists, opt.egress, coldWrites, programmed);
+      fmt::print("  {} lists read back as chains equal to what was committed\n", verified);
+      fmt::print("  warm restart: {} lists synced from the chip, {} replayed, {} reconciled, {} "
+                 "stale purged\n",
+                 synced, replayed, stats[Status::reconciled], stats[Status::staleEntryDeleted]);
+      fmt::print("    {} writes, {} deletes; {} entries in the chip\n", warmWrites, warmDeletes,
+                 afterPurge);
+      fmt::print("  removed all: {} entries left, {} indices used (the reserved index 0)\n", left,
+                 used);
+   }
+   return verified == opt.lists && synced == opt.lists && stats[Status::reconciled] == replayed &&
+          stats[Status::staleEntryDeleted] == dropped && warmWrites == 0 && left == 0 &&
+          used == 1;
+}
+
+int runDemo(const DemoOptions& opt) {
+   nlohmann::json report;
+   const bool remapOk = runRemapDemo(opt, report);
+   const bool listsOk = runListDemo(opt, report);
+   if (opt.json) std::cout << report.dump(2) << "\n";
+   if (!remapOk || !listsOk) std::cerr << "demo: the chip does not hold what was committed\n";
+   return remapOk && listsOk ? 0 : 1;
 }
 
 }  // namespace
@@ -131,10 +281,14 @@ int main(int argc, char** argv) {
    CLI::App app{"Reference multicast agent over the simulated chip"};
    app.require_subcommand(1);
    DemoOptions opt;
-   auto* demo = app.add_subcommand("demo", "commit, program, verify and remove IPMC remap entries");
+   auto* demo = app.add_subcommand("demo", "IPMC remap entries and replication lists: commit, program, verify, restart, remove");
    demo->add_option("--groups", opt.groups, "number of multicast groups")->check(CLI::Range(1u, 1u << 20));
    demo->add_option("--entries", opt.entries, "entries of the chip's remap table")
        ->check(CLI::Range(2u, 1u << 24));
+   demo->add_option("--lists", opt.lists, "number of replication lists")
+       ->check(CLI::Range(1u, 1u << 18));
+   demo->add_option("--egress", opt.egress, "egress objects per replication list")
+       ->check(CLI::Range(1u, 64u));
    demo->add_flag("--json", opt.json, "print the report as JSON");
    CLI11_PARSE(app, argc, argv);
    try {

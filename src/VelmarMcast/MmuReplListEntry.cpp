@@ -56,6 +56,8 @@ Entry::MmuReplListTableEntry(MmuReplListTableEntry&& other)
       sparseEntrySize_(other.sparseEntrySize_),
       sparseReplListEntry_(std::move(other.sparseReplListEntry_)),
       genId_(other.genId_),
+      digest_(other.digest_),
+      digestValid_(other.digestValid_),
       writeResponseFn(other.writeResponseFn) {
    // A moved-from container is only "valid"; the source is promised empty ones.
    other.egressObject_.clear();
@@ -73,6 +75,8 @@ Entry& Entry::operator=(MmuReplListTableEntry&& other) {
    sparseEntrySize_ = other.sparseEntrySize_;
    sparseReplListEntry_ = std::move(other.sparseReplListEntry_);
    genId_ = other.genId_;
+   digest_ = other.digest_;
+   digestValid_ = other.digestValid_;
    writeResponseFn = other.writeResponseFn;
    other.egressObject_.clear();
    other.denseReplListEntry_.clear();
@@ -86,6 +90,7 @@ void Entry::egressObjectHandleIs(EntryHandlePtr eh, PortList ports) {
           fmt::format("{}: egressObjectHandle must not be a null entry handle", kTypeName));
    }
    egressObjectHandle_.insert_or_assign(std::move(eh), std::move(ports));
+   digestValid_ = false;
 }
 
 const PortList& Entry::egressObjectHandle(const EntryHandle* eh) const {
@@ -169,6 +174,7 @@ bool Entry::isEq(const MmuReplListTableEntry& other) const noexcept {
    if (this == &other) return true;
    if (genId_ != other.genId_) return false;
    if (egressObjectHandle_.size() != other.egressObjectHandle_.size()) return false;
+   if (digest() != other.digest()) return false;
    auto theirs = other.egressObjectHandle_.begin();
    for (const auto& [eh, ports] : egressObjectHandle_) {
       if (eh != theirs->first || ports != theirs->second) return false;
@@ -194,13 +200,19 @@ std::strong_ordering operator<=>(const MmuReplListTableEntry& a,
    return a.genId_ <=> b.genId_;
 }
 
-std::size_t Entry::hash(std::uint32_t seed) const {
-   std::size_t h = absl::HashOf(seed);
-   for (const auto& [eh, ports] : egressObjectHandle_) {
-      h = absl::HashOf(h, ByAddress::address(eh.get()), ports.hash(seed));
+std::uint64_t Entry::digest() const {
+   if (!digestValid_) {
+      std::uint64_t h = absl::HashOf(egressObjectHandle_.size());
+      for (const auto& [eh, ports] : egressObjectHandle_) {
+         h = absl::HashOf(h, ByAddress::address(eh.get()), ports);
+      }
+      digest_ = absl::HashOf(h, genId_);
+      digestValid_ = true;
    }
-   return absl::HashOf(h, genId_);
+   return digest_;
 }
+
+std::size_t Entry::hash(std::uint32_t seed) const { return absl::HashOf(seed, digest()); }
 
 std::string Entry::toString() const {
    auto same = [](const auto& k) -> const auto& { return k; };

@@ -16,7 +16,7 @@
 #include <string>
 #include <string_view>
 
-#include <absl/container/btree_map.h>
+#include <boost/container/flat_map.hpp>
 #include <fmt/format.h>
 
 #include "Asic/EntryBase.h"
@@ -63,8 +63,10 @@ class MmuReplListTableEntry : public Asic::EntryBase {
          return address(a) < address(b.get());
       }
    };
-   using EgressObjectHandleMap = absl::btree_map<EntryHandlePtr, PortList, ByAddress>;
-   using EgressObjectMap = absl::btree_map<std::uint32_t, PortList>;
+   // Sorted vectors: one allocation per copy, and a list is copied into every collection
+   // that holds its key.
+   using EgressObjectHandleMap = boost::container::flat_map<EntryHandlePtr, PortList, ByAddress>;
+   using EgressObjectMap = boost::container::flat_map<std::uint32_t, PortList>;
    using SparseReplListEntryMap = std::map<SparseReplListEntry, bool>;
    using DenseReplListEntryMap = std::map<DenseReplListEntry, bool>;
 
@@ -86,17 +88,28 @@ class MmuReplListTableEntry : public Asic::EntryBase {
    // Inserts the handle, or replaces the ports of a handle already present. Throws
    // std::invalid_argument for a null handle.
    void egressObjectHandleIs(EntryHandlePtr eh, PortList ports);
-   void egressObjectHandleDel(const EntryHandle* eh) { egressObjectHandle_.erase(eh); }
+   void egressObjectHandleDel(const EntryHandle* eh) {
+      if (auto it = egressObjectHandle_.find(eh); it != egressObjectHandle_.end()) {
+         egressObjectHandle_.erase(it);
+         digestValid_ = false;
+      }
+   }
    void egressObjectHandleDel(const EntryHandlePtr& eh) { egressObjectHandleDel(eh.get()); }
-   void egressObjectHandleDelAll() noexcept { egressObjectHandle_.clear(); }
+   void egressObjectHandleDelAll() noexcept {
+      egressObjectHandle_.clear();
+      digestValid_ = false;
+   }
    bool egressObjectHandleHas(const EntryHandle* eh) const {
-      return egressObjectHandle_.contains(eh);
+      return egressObjectHandle_.find(eh) != egressObjectHandle_.end();
    }
    // The ports of a handle; throws std::out_of_range when the handle is not in the list.
    const PortList& egressObjectHandle(const EntryHandle* eh) const;
 
    std::uint32_t genId() const noexcept { return genId_; }
-   void genIdIs(std::uint32_t genId) noexcept { genId_ = genId; }
+   void genIdIs(std::uint32_t genId) noexcept {
+      genId_ = genId;
+      digestValid_ = false;
+   }
 
    // --- parameters ------------------------------------------------------------------------
    std::uint8_t sparseEntrySize() const noexcept { return sparseEntrySize_; }
@@ -114,7 +127,9 @@ class MmuReplListTableEntry : public Asic::EntryBase {
    }
    void egressObjectDel(std::uint32_t index) { egressObject_.erase(index); }
    void egressObjectDelAll() noexcept { egressObject_.clear(); }
-   bool egressObjectHas(std::uint32_t index) const { return egressObject_.contains(index); }
+   bool egressObjectHas(std::uint32_t index) const {
+      return egressObject_.find(index) != egressObject_.end();
+   }
    // The ports of an index; an empty list when the index is absent.
    PortList egressObject(std::uint32_t index) const;
    // The ports of an index; throws std::out_of_range naming the index when it is absent.
@@ -167,6 +182,11 @@ class MmuReplListTableEntry : public Asic::EntryBase {
    std::uint8_t sparseEntrySize_ = 0;
    mutable SparseReplListEntryMap sparseReplListEntry_;
    std::uint32_t genId_ = 0;
+   // Seed-free hash of the identity, kept with it: a list is hashed and compared on every
+   // look-up of every collection that holds it. Reset by every identity mutator.
+   mutable std::uint64_t digest_ = 0;
+   mutable bool digestValid_ = false;
+   std::uint64_t digest() const;
 
  public:
    // The client's completion callback; not part of what the entry is.

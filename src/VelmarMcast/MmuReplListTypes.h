@@ -17,6 +17,7 @@
 #include <absl/hash/hash.h>
 #include <fmt/format.h>
 #include <boost/container/flat_set.hpp>
+#include <boost/container/small_vector.hpp>
 
 #include "Ulm/PerUnitBitmap.h"
 
@@ -27,11 +28,17 @@ class PortList {
  public:
    static constexpr std::string_view kTypeName = "VelmarMcast::PortList";
    using Port = std::uint16_t;
-   using Ports = boost::container::flat_set<Port>;
+   // Inline up to 4 ports: lists are copied with every key, and most egress objects have one.
+   using Ports = boost::container::flat_set<Port, std::less<Port>,
+                                            boost::container::small_vector<Port, 4>>;
    using const_iterator = Ports::const_iterator;
 
    PortList() = default;
-   PortList(std::initializer_list<Port> ports) : port_(ports.begin(), ports.end()) {}
+   // One insert per port: the range constructor trips a false overflow warning of GCC 12
+   // at -O3 inside the container.
+   PortList(std::initializer_list<Port> ports) {
+      for (Port port : ports) port_.insert(port);
+   }
 
    void portIs(Port port) { port_.insert(port); }
    void portDel(Port port) { port_.erase(port); }
@@ -95,12 +102,15 @@ struct NextHopPortInfo {
 class SparseReplListEntry {
  public:
    static constexpr std::string_view kTypeName = "VelmarMcast::SparseReplListEntry";
-   using Pairs = boost::container::flat_set<NextHopPortInfo>;
+   // Inline up to the chip's widest sparse entry.
+   using Pairs = boost::container::flat_set<NextHopPortInfo, std::less<NextHopPortInfo>,
+                                            boost::container::small_vector<NextHopPortInfo, 8>>;
    using const_iterator = Pairs::const_iterator;
 
    SparseReplListEntry() = default;
-   SparseReplListEntry(std::initializer_list<NextHopPortInfo> pairs)
-       : nexthopIdToPortId_(pairs.begin(), pairs.end()) {}
+   SparseReplListEntry(std::initializer_list<NextHopPortInfo> pairs) {
+      for (const NextHopPortInfo& info : pairs) nexthopIdToPortId_.insert(info);
+   }
 
    void nexthopIdToPortIdIs(NextHopPortInfo info) { nexthopIdToPortId_.insert(info); }
    void nexthopIdToPortIdDel(NextHopPortInfo info) { nexthopIdToPortId_.erase(info); }

@@ -90,6 +90,17 @@ ReplEntry withKind(std::uint8_t kind) {
    e.kind = Kind(kind);
    return e;
 }
+ReplEntry denseWithPair() {
+   ReplEntry e = withKind(2);
+   e.pairs = {{1, 1}};
+   return e;
+}
+ReplEntry sparseWithDenseFields(std::uint64_t members, std::uint8_t numBits) {
+   ReplEntry e;
+   e.members = members;
+   e.numBits = numBits;
+   return e;
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Fields, ReplListEncodeRefusal,
@@ -99,9 +110,9 @@ INSTANTIATE_TEST_SUITE_P(
         EncodeRefusal{"KindZero", withKind(0), "kind", "0"},
         EncodeRefusal{"LsbVlanTooWide", dense(1u << 26, 0, 0), "lsbVlan", "67108864"},
         EncodeRefusal{"NumBits65", dense(0, 0, 65), "numBits", "65"},
-        EncodeRefusal{"DenseWithPairs", {.kind = Kind::dense, .pairs = {{1, 1}}}, "pairs", "1"},
-        EncodeRefusal{"SparseWithMembers", {.members = 4}, "members", "4"},
-        EncodeRefusal{"SparseWithNumBits", {.numBits = 3}, "numBits", "3"}),
+        EncodeRefusal{"DenseWithPairs", denseWithPair(), "pairs", "1"},
+        EncodeRefusal{"SparseWithMembers", sparseWithDenseFields(4, 0), "members", "4"},
+        EncodeRefusal{"SparseWithNumBits", sparseWithDenseFields(0, 3), "numBits", "3"}),
     [](const auto& info) { return info.param.name; });
 
 struct DecodeRefusal {
