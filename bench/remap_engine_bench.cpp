@@ -73,8 +73,9 @@ void BM_EngineCommitProgramCompleteRemove(benchmark::State& state) {
       state.ResumeTiming();
    }
    state.SetItemsProcessed(state.iterations() * n);
-   state.counters["ns_per_entry"] = benchmark::Counter(
-       double(n) * double(state.iterations()), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+   state.counters["ns_per_entry"] =
+       benchmark::Counter(double(n) * double(state.iterations()),
+                          benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
    state.counters["rss_bytes_per_entry"] = rssPerEntry;
 }
 
@@ -110,12 +111,21 @@ void BM_BaselineInsertAllocateWrite(benchmark::State& state) {
       loop.runUntilIdle();
    }
    state.SetItemsProcessed(state.iterations() * n);
-   state.counters["ns_per_entry"] = benchmark::Counter(
-       double(n) * double(state.iterations()), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+   state.counters["ns_per_entry"] =
+       benchmark::Counter(double(n) * double(state.iterations()),
+                          benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
-BENCHMARK(BM_EngineCommitProgramCompleteRemove)->Arg(16 << 10)->Arg(1 << 20)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(BM_BaselineInsertAllocateWrite)->Arg(16 << 10)->Arg(1 << 20)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_EngineCommitProgramCompleteRemove)
+    ->Arg(16 << 10)
+    ->Arg(1 << 20)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3);
+BENCHMARK(BM_BaselineInsertAllocateWrite)
+    ->Arg(16 << 10)
+    ->Arg(1 << 20)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3);
 
 }  // namespace
 

@@ -66,8 +66,9 @@ void BM_ReplListCommitProgramComplete(benchmark::State& state) {
       auto start = std::chrono::steady_clock::now();
       for (const ListEntry& key : keys) table->entryCommit(key, key);
       loop.runUntilIdle();
-      programNs += std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start)
-                       .count();
+      programNs +=
+          std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start)
+              .count();
 
       state.PauseTiming();
       if (hw->memory().validEntries() != lists * indicesPerList) {

@@ -1,9 +1,9 @@
 #pragma once
 // The process's plug-in loader. A consumer (a table's UtilLoader) asks for the objects
 // registered under a (prefix, suffix) pair, for example ("AsicFeature",
-// "VelmarMcast::IngIpmcRemapTable"), and the loader hands each one to it. Objects come from factories, registered either by
-// plug-ins (shared objects found on the search path) or directly in-process (tests,
-// statically linked builds).
+// "VelmarMcast::IngIpmcRemapTable"), and the loader hands each one to it. Objects come from
+// factories, registered either by plug-ins (shared objects found on the search path) or directly
+// in-process (tests, statically linked builds).
 //
 // Plug-in convention:
 // - The search path is the environment variable VELMAR_PLUGIN_PATH, directories separated by

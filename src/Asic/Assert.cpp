@@ -28,8 +28,8 @@ ScopedAssertThrow::ScopedAssertThrow()
     : ScopedAssertHandler([](const AssertionInfo& info) { throw AssertionError(info); }) {}
 
 std::string formatAssertion(const AssertionInfo& info) {
-   std::string text = fmt::format("assertion ({}) failed in {} [{}]", info.expression,
-                                  info.source, info.function);
+   std::string text =
+       fmt::format("assertion ({}) failed in {} [{}]", info.expression, info.source, info.function);
    if (!info.message.empty()) fmt::format_to(std::back_inserter(text), ": {}", info.message);
    return text;
 }
@@ -44,8 +44,8 @@ std::string_view sourceName(std::string_view file) noexcept {
 
 void assertFail(std::string_view expression, std::string_view file, std::string_view function,
                 std::string message) {
-   AssertionInfo info{std::string(expression), std::string(sourceName(file)),
-                      std::string(function), std::move(message)};
+   AssertionInfo info{std::string(expression), std::string(sourceName(file)), std::string(function),
+                      std::move(message)};
    if (auto& handler = currentHandler()) handler(info);
    // A handler that returns does not make the broken invariant hold again.
    std::fprintf(stderr, "%s\n", formatAssertion(info).c_str());

@@ -60,18 +60,18 @@ std::string_view sourceName(std::string_view file) noexcept;
 
 // ASIC_ASSERT(cond) carries #cond; ASIC_ASSERT_MSG adds a message; ASIC_ASSERT_TEXT names
 // the expression text explicitly where the code's spelling differs from the recorded one.
-#define ASIC_ASSERT(cond)                                                                  \
-   do {                                                                                    \
-      if (!(cond)) [[unlikely]]                                                            \
-         ::Asic::assertFail(#cond, __FILE__, __PRETTY_FUNCTION__);                         \
+#define ASIC_ASSERT(cond)                                          \
+   do {                                                            \
+      if (!(cond)) [[unlikely]]                                    \
+         ::Asic::assertFail(#cond, __FILE__, __PRETTY_FUNCTION__); \
    } while (0)
-#define ASIC_ASSERT_MSG(cond, msg)                                                         \
-   do {                                                                                    \
-      if (!(cond)) [[unlikely]]                                                            \
-         ::Asic::assertFail(#cond, __FILE__, __PRETTY_FUNCTION__, (msg));                  \
+#define ASIC_ASSERT_MSG(cond, msg)                                        \
+   do {                                                                   \
+      if (!(cond)) [[unlikely]]                                           \
+         ::Asic::assertFail(#cond, __FILE__, __PRETTY_FUNCTION__, (msg)); \
    } while (0)
-#define ASIC_ASSERT_TEXT(cond, text, msg)                                                  \
-   do {                                                                                    \
-      if (!(cond)) [[unlikely]]                                                            \
-         ::Asic::assertFail((text), __FILE__, __PRETTY_FUNCTION__, (msg));                 \
+#define ASIC_ASSERT_TEXT(cond, text, msg)                                  \
+   do {                                                                    \
+      if (!(cond)) [[unlikely]]                                            \
+         ::Asic::assertFail((text), __FILE__, __PRETTY_FUNCTION__, (msg)); \
    } while (0)

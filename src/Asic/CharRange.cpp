@@ -37,9 +37,9 @@ std::uint64_t unsignedValue(std::string_view tok, std::string_view attribute, st
    std::uint64_t value = 0;
    auto [ptr, ec] = std::from_chars(tok.data(), tok.data() + tok.size(), value);
    if (ec != std::errc() || ptr != tok.data() + tok.size() || tok.empty() || value > max) {
-      throw AttributeRangeError(std::string(attribute),
-                                fmt::format("{}: {} '{}' is out of range (0..{})", typeName,
-                                            attribute, tok, max));
+      throw AttributeRangeError(
+          std::string(attribute),
+          fmt::format("{}: {} '{}' is out of range (0..{})", typeName, attribute, tok, max));
    }
    return value;
 }

@@ -12,10 +12,11 @@ void raise_callback_exception() {
 
 namespace Detail {
 
-void raise_cast_integral(std::string_view fromType, std::uint64_t value,
-                         std::string_view toType, std::uint64_t max) {
-   throw std::range_error(fmt::format("Casting values: cast from {}{{ {} }} to {} (max = {}) failed.",
-                                      fromType, value, toType, max));
+void raise_cast_integral(std::string_view fromType, std::uint64_t value, std::string_view toType,
+                         std::uint64_t max) {
+   throw std::range_error(
+       fmt::format("Casting values: cast from {}{{ {} }} to {} (max = {}) failed.", fromType, value,
+                   toType, max));
 }
 
 }  // namespace Detail

@@ -57,7 +57,8 @@ void IndexUserTracker::update(Index index, Op op) {
          break;
       case released:
       case releasedByDelete:
-         if (auto it = users_.find(index); it != users_.end() && --it->second == 0) users_.erase(it);
+         if (auto it = users_.find(index); it != users_.end() && --it->second == 0)
+            users_.erase(it);
          break;
    }
 }

@@ -412,7 +412,8 @@ struct GenericIndexAllocator::Impl {
    void bind(const TypeDescriptor& type, const void* key, const Index* indices, std::uint32_t count,
              const void* user) {
       for (std::uint32_t i = 0; i < count; ++i) {
-         ASIC_ASSERT_MSG(isRecoverableSlot(indices[i]), "allocator picked an index that is not free");
+         ASIC_ASSERT_MSG(isRecoverableSlot(indices[i]),
+                         "allocator picked an index that is not free");
       }
       std::uint32_t id = slab.acquire();
       try {

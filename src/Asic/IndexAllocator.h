@@ -27,11 +27,11 @@ class GenericIndexAllocator : public RefCounted {
  public:
    // Outcome of requestIndexForKey.
    enum class RequestStatus : std::uint8_t {
-      assigned,       // the index is now the key's
-      alreadyOwned,   // the key already owned exactly this index
-      indexTaken,     // another key owns the index, or it is reserved: nothing changed
-      keyHasOther,    // the key owns another index: nothing changed
-      outOfRange,     // index >= numEntries(): nothing changed
+      assigned,      // the index is now the key's
+      alreadyOwned,  // the key already owned exactly this index
+      indexTaken,    // another key owns the index, or it is reserved: nothing changed
+      keyHasOther,   // the key owns another index: nothing changed
+      outOfRange,    // index >= numEntries(): nothing changed
    };
 
    // Occupancy as the agent and tests see it.

@@ -18,10 +18,10 @@ class IndexUserTracker : public RefCounted {
  public:
    // Operation codes of update().
    enum Op : std::uint8_t {
-      taken = 0,            // a key starts using the index
-      takenAgain = 1,       // a key that held the index with no value holds a value again
-      released = 2,         // a stale index's use is dropped (purge)
-      releasedByDelete = 3, // a key's value is withdrawn (delete dance)
+      taken = 0,             // a key starts using the index
+      takenAgain = 1,        // a key that held the index with no value holds a value again
+      released = 2,          // a stale index's use is dropped (purge)
+      releasedByDelete = 3,  // a key's value is withdrawn (delete dance)
    };
 
    void update(Index index, Op op);

@@ -34,7 +34,8 @@ class Observable {
  protected:
    ~Observable() = default;
    void publish(std::string_view attribute) const {
-      if (!observers_) [[likely]] return;
+      if (!observers_) [[likely]]
+         return;
       // Copy: an observer may subscribe or unsubscribe (itself or others) while being told;
       // one removed meanwhile is not told any more.
       auto observers = *observers_;

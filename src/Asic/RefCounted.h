@@ -70,7 +70,8 @@ class RefCounted {
    }
    std::uint32_t decrement() const noexcept {
       if (threadSafeRefCounts) {
-         return std::atomic_ref<std::uint32_t>(refCount_).fetch_sub(1, std::memory_order_acq_rel) - 1;
+         return std::atomic_ref<std::uint32_t>(refCount_).fetch_sub(1, std::memory_order_acq_rel) -
+                1;
       }
       return --refCount_;
    }

@@ -6,13 +6,20 @@ namespace Asic {
 
 std::string_view toString(SwTableBase::EntryState state) noexcept {
    switch (state) {
-      case SwTableBase::EntryState::unresolved: return "unresolved";
-      case SwTableBase::EntryState::inProgress: return "inProgress";
-      case SwTableBase::EntryState::indexReconciled: return "indexReconciled";
-      case SwTableBase::EntryState::wontProgram: return "wontProgram";
-      case SwTableBase::EntryState::success: return "success";
-      case SwTableBase::EntryState::failedNeededEntry: return "failedNeededEntry";
-      case SwTableBase::EntryState::programFailed: return "programFailed";
+      case SwTableBase::EntryState::unresolved:
+         return "unresolved";
+      case SwTableBase::EntryState::inProgress:
+         return "inProgress";
+      case SwTableBase::EntryState::indexReconciled:
+         return "indexReconciled";
+      case SwTableBase::EntryState::wontProgram:
+         return "wontProgram";
+      case SwTableBase::EntryState::success:
+         return "success";
+      case SwTableBase::EntryState::failedNeededEntry:
+         return "failedNeededEntry";
+      case SwTableBase::EntryState::programFailed:
+         return "programFailed";
    }
    return "invalid";
 }

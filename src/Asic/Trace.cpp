@@ -85,8 +85,7 @@ std::uint16_t parseLevels(std::string_view levels, std::string_view item) {
       int hi = 0;
       bool ok = dash == std::string_view::npos
                     ? parseInt(part, &lo) && (hi = lo, true)
-                    : parseInt(part.substr(0, dash), &lo) &&
-                          parseInt(part.substr(dash + 1), &hi);
+                    : parseInt(part.substr(0, dash), &lo) && parseInt(part.substr(dash + 1), &hi);
       if (!ok || lo < 0 || hi > 9 || lo > hi) {
          throw std::invalid_argument(
              fmt::format("trace setting: bad levels '{}' in '{}' (expected 0-9)", part, item));

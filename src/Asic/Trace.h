@@ -83,9 +83,9 @@ class TraceCapture {
 
 }  // namespace Asic
 
-#define ASIC_TRACE(handle, level, ...)                                        \
-   do {                                                                       \
-      const ::Asic::TraceHandle& asicTraceHandle_ = (handle);                 \
-      if (asicTraceHandle_.enabled(level)) [[unlikely]]                       \
-         asicTraceHandle_.write((level), ::fmt::format(__VA_ARGS__));         \
+#define ASIC_TRACE(handle, level, ...)                                \
+   do {                                                               \
+      const ::Asic::TraceHandle& asicTraceHandle_ = (handle);         \
+      if (asicTraceHandle_.enabled(level)) [[unlikely]]               \
+         asicTraceHandle_.write((level), ::fmt::format(__VA_ARGS__)); \
    } while (0)

@@ -17,8 +17,8 @@ absl::flat_hash_map<std::string_view, const TypeDescriptor*>& types() {
 void registerType(const TypeDescriptor& type) {
    auto [it, inserted] = types().try_emplace(type.name, &type);
    if (!inserted && it->second != &type) {
-      throw std::logic_error(
-          fmt::format("type registry: '{}' is already registered with another descriptor", type.name));
+      throw std::logic_error(fmt::format(
+          "type registry: '{}' is already registered with another descriptor", type.name));
    }
 }
 

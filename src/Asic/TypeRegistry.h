@@ -35,7 +35,7 @@ template <typename T>
 concept RegisteredType = requires(const T& t) {
    { T::kTypeName } -> std::convertible_to<std::string_view>;
    { t == t } -> std::convertible_to<bool>;
-   { fmt::format("{}", t) };
+   {fmt::format("{}", t)};
 };
 
 template <typename T>

@@ -27,7 +27,9 @@ bool HwTableRecoverGroup::recovered(const std::string& tableType) const {
    return recovered_.contains(tableType);
 }
 
-void HwTableRecoverGroup::recoveredIs(const std::string& tableType) { recovered_.insert(tableType); }
+void HwTableRecoverGroup::recoveredIs(const std::string& tableType) {
+   recovered_.insert(tableType);
+}
 
 SwTable::~SwTable() {
    if (hwTable_ && hwTable_->writeResponseSm() == writeResponseSm_.get()) {
@@ -75,12 +77,16 @@ void SwTable::writeResponseSmDel() {
 
 std::string_view toString(SwTable::ReconciliationStatus status) noexcept {
    switch (status) {
-      case SwTable::ReconciliationStatus::notReconciled: return "notReconciled";
-      case SwTable::ReconciliationStatus::reconciled: return "reconciled";
+      case SwTable::ReconciliationStatus::notReconciled:
+         return "notReconciled";
+      case SwTable::ReconciliationStatus::reconciled:
+         return "reconciled";
       case SwTable::ReconciliationStatus::indexReconciledContentsDiffer:
          return "indexReconciledContentsDiffer";
-      case SwTable::ReconciliationStatus::nothingToReconcile: return "nothingToReconcile";
-      case SwTable::ReconciliationStatus::staleEntryDeleted: return "staleEntryDeleted";
+      case SwTable::ReconciliationStatus::nothingToReconcile:
+         return "nothingToReconcile";
+      case SwTable::ReconciliationStatus::staleEntryDeleted:
+         return "staleEntryDeleted";
    }
    return "invalid";
 }
@@ -96,10 +102,14 @@ std::string toString(const SwTable::ReconciliationStats& stats) {
 
 std::string_view toString(SwTable::EntryHandle::EntryType type) noexcept {
    switch (type) {
-      case SwTable::EntryHandle::EntryType::none: return "none";
-      case SwTable::EntryHandle::EntryType::referenceOnly: return "referenceOnly";
-      case SwTable::EntryHandle::EntryType::committed: return "committed";
-      case SwTable::EntryHandle::EntryType::inDeletion: return "inDeletion";
+      case SwTable::EntryHandle::EntryType::none:
+         return "none";
+      case SwTable::EntryHandle::EntryType::referenceOnly:
+         return "referenceOnly";
+      case SwTable::EntryHandle::EntryType::committed:
+         return "committed";
+      case SwTable::EntryHandle::EntryType::inDeletion:
+         return "inDeletion";
    }
    return "invalid";
 }

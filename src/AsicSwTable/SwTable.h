@@ -278,8 +278,8 @@ class SwTable::Util : public RefCounted {
    virtual void updateHwIndexRefCountTracker(HwTable* hwTable, Index index,
                                              IndexUserTracker::Op op);
 
-   static void doMountHwTableMountInfo(std::string_view utilType,
-                                       Statebase::MountGroup& mountGroup, std::string name);
+   static void doMountHwTableMountInfo(std::string_view utilType, Statebase::MountGroup& mountGroup,
+                                       std::string name);
    static void doMountHwTableRecoveryStatus(std::string_view utilType,
                                             Statebase::MountGroup& mountGroup, std::string name);
    // Binds the table of that type in the group to its hardware table on `unitId`.

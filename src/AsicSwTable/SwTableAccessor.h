@@ -13,10 +13,10 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <stdexcept>
 #include <deque>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -36,7 +36,7 @@
 #include "AsicSwTable/SwTableTraits.h"
 
 // Engine trace: "<table type> : <operation><text>".
-#define SWT_TRACE(level, op, text, ...)                                                  \
+#define SWT_TRACE(level, op, text, ...) \
    ASIC_TRACE(trace(), level, "{} : {}" text, T::kTypeName, op __VA_OPT__(, ) __VA_ARGS__)
 
 namespace Asic {
@@ -89,7 +89,8 @@ class SwTableEntryHandleT : public SwTable::EntryHandle {
    }
    Entry pendingEntry(std::uint32_t seq) const {
       if (!pendingEntryHas(seq)) {
-         throw std::out_of_range(fmt::format("pendingEntry: no element with sequence number {}", seq));
+         throw std::out_of_range(
+             fmt::format("pendingEntry: no element with sequence number {}", seq));
       }
       return (*pending_)[seq - pendingFirstSeq_];
    }
@@ -316,9 +317,7 @@ class SwTable::Accessor {
    }
 
    // --- programming and write responses ------------------------------------------------
-   void handleEntry(const Key& key)
-      requires(!Trait::hasRemoteAllocator<T>)
-   {
+   void handleEntry(const Key& key) requires(!Trait::hasRemoteAllocator<T>) {
       SWT_TRACE(6, "handleEntry", " key: {}, configReplayComplete: {}", key,
                 swTable_->configReplayComplete());
       Util* util = swTable_->utilIfExists();
@@ -410,8 +409,8 @@ class SwTable::Accessor {
       const bool awaitResponse =
           swTable_->hwResponseNeeded() && !Detail::publishEntryHandleProgrammedState();
       {
-         WriteResponseSm::WriteContext context(awaitResponse ? swTable_->writeResponseSm() : nullptr,
-                                               eh);
+         WriteResponseSm::WriteContext context(
+             awaitResponse ? swTable_->writeResponseSm() : nullptr, eh);
          if constexpr (Trait::getBlockSizeDefinedByUser<T>) {
             util->hwTableEntryIs(*swTable_, hwIndices, key);
          } else {
@@ -478,14 +477,16 @@ class SwTable::Accessor {
             if (!inDeletion) executeWriteResponseFn(eh, key);
             break;
          case State::wontProgram:
-            ASIC_ASSERT_TEXT(!inDeletion, "entryHandle->entryType() != EntryHandle::inDeletion()", "");
+            ASIC_ASSERT_TEXT(!inDeletion, "entryHandle->entryType() != EntryHandle::inDeletion()",
+                             "");
             break;
          case State::success:
             executeWriteResponseFn(eh, key);
             break;
          case State::failedNeededEntry:
          case State::programFailed:
-            ASIC_ASSERT_TEXT(!inDeletion, "entryHandle->entryType() != EntryHandle::inDeletion()", "");
+            ASIC_ASSERT_TEXT(!inDeletion, "entryHandle->entryType() != EntryHandle::inDeletion()",
+                             "");
             executeWriteResponseFn(eh, key);
             break;
       }
@@ -494,11 +495,11 @@ class SwTable::Accessor {
 
    void executeWriteResponseFn(EntryHandle* eh, const Key& key) {
       SWT_TRACE(8, "executeWriteResponseFn", " entryhandle type: {}", eh->entryType());
-      ASIC_ASSERT_TEXT(eh->entryType() == EntryType::referenceOnly ||
-                           eh->entryType() == EntryType::committed,
-                       "entryHandle->entryType() == EntryHandle::referenceOnly() || "
-                       "entryHandle->entryType() == EntryHandle::committed()",
-                       "");
+      ASIC_ASSERT_TEXT(
+          eh->entryType() == EntryType::referenceOnly || eh->entryType() == EntryType::committed,
+          "entryHandle->entryType() == EntryHandle::referenceOnly() || "
+          "entryHandle->entryType() == EntryHandle::committed()",
+          "");
       const auto& tableFn = swTable_->writeResponseCallback();
       if constexpr (HasWriteResponseFn<Entry>) {
          const Entry value = entryIfExists(key).value_or(Entry{});
@@ -519,7 +520,7 @@ class SwTable::Accessor {
       auto hwIndex = doRetrieveHwIndex(key);
       if (hwIndex) eh->hwIndexIs(*hwIndex);
       eh->resolvedEntryStateIs(hwIndex && isExhausted(*hwIndex) ? State::programFailed
-                                                                 : State::success);
+                                                                : State::success);
    }
 
    // --- removal and the delete dance ---------------------------------------------------
@@ -546,8 +547,8 @@ class SwTable::Accessor {
       RefCounted::Pin pin(eh);
       const Key key = eh->key();
       eh->doAmendReferences();
-      SWT_TRACE(6, "cleanup", " : entryhandle cleanup, eh : {}, key :{}, refCnt:{}",
-                fmt::ptr(eh), key, eh->refCount());
+      SWT_TRACE(6, "cleanup", " : entryhandle cleanup, eh : {}, key :{}, refCnt:{}", fmt::ptr(eh),
+                key, eh->refCount());
       if (swTable_->unresolvedEntry(key)) swTable_->unresolvedEntryDel(key);
       if (eh->resolvedEntryState() == State::unresolved && !swTable_->cleanupThroughDeleteDance()) {
          finishCleanup(eh, key);
@@ -611,8 +612,8 @@ class SwTable::Accessor {
             ASIC_ASSERT_TEXT(rs == State::success, "resolvedEntryState == success()", "");
             break;
          default:
-            ASIC_ASSERT_TEXT(false, "entryState == unresolved() || entryState == failedNeededEntry()",
-                             "");
+            ASIC_ASSERT_TEXT(false,
+                             "entryState == unresolved() || entryState == failedNeededEntry()", "");
       }
    }
 
@@ -639,12 +640,13 @@ class SwTable::Accessor {
       ASIC_TRACE(trace(), 6, "Creating shared allocator of type: {} for table: {}", A::kTypeName,
                  T::kTypeName);
       ASIC_ASSERT_TEXT(swTable_ != nullptr, "table", "");
-      Ptr<GenericIndexAllocator> shalloc =
-          GenericIndexAllocatorStub::createSharedAllocator(A::kTypeName, T::kTypeName, allocatorUser());
+      Ptr<GenericIndexAllocator> shalloc = GenericIndexAllocatorStub::createSharedAllocator(
+          A::kTypeName, T::kTypeName, allocatorUser());
       ASIC_ASSERT_TEXT(shalloc != nullptr, "shalloc", "");
       swTable_->indexAllocatorIs(shalloc);
       shalloc->setTableAttr(allocatorUser(), "indexAllocator");
-      if (swTable_->numEntries() > shalloc->numEntries()) shalloc->numEntriesIs(swTable_->numEntries());
+      if (swTable_->numEntries() > shalloc->numEntries())
+         shalloc->numEntriesIs(swTable_->numEntries());
       swTable_->doReserveIndicesAtTableInit();
    }
 
@@ -669,8 +671,7 @@ class SwTable::Accessor {
    // own links; at most `limit` of them.
    std::vector<Index> syncedHwIndices(Util& util, Index hwIndex,
                                       std::uint32_t limit = invalidIndex) const
-      requires(Trait::getBlockSizeDefinedByUser<T>)
-   {
+       requires(Trait::getBlockSizeDefinedByUser<T>) {
       std::vector<Index> indices;
       const std::uint32_t bound = std::min(limit, swTable_->numEntries());
       for (Index index = hwIndex; !isExhausted(index) && indices.size() < bound;
@@ -700,9 +701,9 @@ class SwTable::Accessor {
                  : Status::indexReconciledContentsDiffer;
    }
 
-   bool reconcileUsingHwIndex(const Key& key, Index hwIndex, bool compareHw)
-      requires(!Trait::hasRemoteAllocator<T> && Trait::getBlockSizeDefinedByUser<T>)
-   {
+   bool reconcileUsingHwIndex(const Key& key, Index hwIndex,
+                              bool compareHw) requires(!Trait::hasRemoteAllocator<T> &&
+                                                       Trait::getBlockSizeDefinedByUser<T>) {
       ASIC_ASSERT_TEXT(allocator()->keyForIndex(hwIndex, keyType()).empty(),
                        "!allocator->isIndexAssigned( hwIndex, Vix::vixType< EntryKeyT >() )", "");
       const auto* resolved = swTable_->resolvedEntry(key);
@@ -714,8 +715,8 @@ class SwTable::Accessor {
       const std::vector<Index> indices = syncedHwIndices(*util, hwIndex, blockSize);
       // A hardware entry of another length cannot take this value in place.
       if (indices.size() != blockSize) {
-         SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} holds {} entries, key needs {}",
-                   hwIndex, indices.size(), blockSize);
+         SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} holds {} entries, key needs {}", hwIndex,
+                   indices.size(), blockSize);
          return false;
       }
       for (Index index : indices) {
@@ -734,9 +735,9 @@ class SwTable::Accessor {
       return true;
    }
 
-   bool reconcileUsingHwIndex(const Key& key, Index hwIndex, bool compareHw)
-      requires(!Trait::hasRemoteAllocator<T> && !Trait::getBlockSizeDefinedByUser<T>)
-   {
+   bool reconcileUsingHwIndex(const Key& key, Index hwIndex,
+                              bool compareHw) requires(!Trait::hasRemoteAllocator<T> &&
+                                                       !Trait::getBlockSizeDefinedByUser<T>) {
       if (!allocator()->keyForIndex(hwIndex, keyType()).empty() ||
           !allocator()->isIndexFree(hwIndex)) {
          SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} not free", hwIndex);
@@ -749,7 +750,8 @@ class SwTable::Accessor {
          Util* util = swTable_->utilIfExists();
          if (!util || !util->compareHwEntries(*swTable_, hwIndex, entry)) return false;
       }
-      const bool recovered = allocator()->recoverIndexForKey(hwIndex, keyType(), &key, allocatorUser());
+      const bool recovered =
+          allocator()->recoverIndexForKey(hwIndex, keyType(), &key, allocatorUser());
       ASIC_ASSERT_TEXT(recovered,
                        "swTable_->indexAllocator()->recoverIndexForKey( hwIndex, vixType< "
                        "EntryKeyT >(), &key )",
@@ -773,17 +775,19 @@ class SwTable::Accessor {
          SWT_TRACE(8, "reconcileUsingIndexHelper", ": Deleting syncedEntry reconciled at index:{}",
                    candidate);
          swTable_->syncedEntryDel(candidate);
-         SWT_TRACE(8, "reconcileUsingIndexHelper", ": Reconciled key:{}, hwIndex:{}", key, candidate);
+         SWT_TRACE(8, "reconcileUsingIndexHelper", ": Reconciled key:{}, hwIndex:{}", key,
+                   candidate);
          return candidate;
       }
       return invalidIndex;
    }
 
-   void handleIndexSuggestions(EntryHandle* eh, IndexSet indices)
-      requires(!Trait::hasRemoteAllocator<T>)
-   {
-      ASIC_ASSERT_TEXT(eh->entryState() == State::unresolved, "eh->entryState() == unresolved()", "");
-      ASIC_ASSERT_TEXT(swTable_->configReplayInProgress(), "swTable_->configReplayInProgress()", "");
+   void handleIndexSuggestions(EntryHandle* eh,
+                               IndexSet indices) requires(!Trait::hasRemoteAllocator<T>) {
+      ASIC_ASSERT_TEXT(eh->entryState() == State::unresolved, "eh->entryState() == unresolved()",
+                       "");
+      ASIC_ASSERT_TEXT(swTable_->configReplayInProgress(), "swTable_->configReplayInProgress()",
+                       "");
       SWT_TRACE(8, "handleIndexSuggestions", ": eh:{}, key:{}, numSuggestions:{}", fmt::ptr(eh),
                 eh->key(), indices.size());
       RefCounted::Pin pin(eh);
@@ -814,7 +818,8 @@ class SwTable::Accessor {
                 hwIndex);
       if (!reconcileUsingHwIndex(key, hwIndex, true)) return false;
       swTable_->updateStatistic(Status::reconciled);
-      SWT_TRACE(8, "processIndexSuggestion", ": Deleting syncedEntry reconciled at index:{}", hwIndex);
+      SWT_TRACE(8, "processIndexSuggestion", ": Deleting syncedEntry reconciled at index:{}",
+                hwIndex);
       swTable_->syncedEntryDel(hwIndex);
       swTable_->indexHelperDel(eh);
       eh->hwIndexIs(hwIndex);
@@ -825,13 +830,14 @@ class SwTable::Accessor {
    }
 
    void suggestIndexToNeededTable(const Entry& swEntry, const Entry& syncedEntry) {
-      SWT_TRACE(8, "suggestIndexToNeededTable", ": swEntry:{}, syncedEntry:{}", swEntry, syncedEntry);
-      T::forEachDependentField(swEntry, syncedEntry,
-                               [](const SwTableBase::EntryHandle* needed, Index value) {
-                                  if (needed) {
-                                     SwTableBase::suggestIndicesToNeededEntryHandle(needed, {value});
-                                  }
-                               });
+      SWT_TRACE(8, "suggestIndexToNeededTable", ": swEntry:{}, syncedEntry:{}", swEntry,
+                syncedEntry);
+      T::forEachDependentField(
+          swEntry, syncedEntry, [](const SwTableBase::EntryHandle* needed, Index value) {
+             if (needed) {
+                SwTableBase::suggestIndicesToNeededEntryHandle(needed, {value});
+             }
+          });
    }
 
    // --- end of restart, purge and bulk removal -----------------------------------------
@@ -903,9 +909,8 @@ class SwTable::Accessor {
 
    // Each stale record stands for all the indices of its hardware entry: they are deleted
    // and freed together.
-   void handleStaleEntries()
-      requires(Trait::isUnknownIndexTable<T> && Trait::getBlockSizeDefinedByUser<T>)
-   {
+   void handleStaleEntries() requires(
+       Trait::isUnknownIndexTable<T>&& Trait::getBlockSizeDefinedByUser<T>) {
       Util* util = swTable_->utilIfExists();
       GenericIndexAllocator* alloc = allocator();
       for (const auto& [hwIndex, entry] : swTable_->syncedEntries()) {
@@ -919,21 +924,21 @@ class SwTable::Accessor {
                                                IndexUserTracker::released);
          }
          util->hwTableEntryDel(*swTable_, indices);
-         SWT_TRACE(8, "handleStaleEntries", ": Deleting stale hwEntry at index:{}, size:{}", hwIndex,
-                   indices.size());
+         SWT_TRACE(8, "handleStaleEntries", ": Deleting stale hwEntry at index:{}, size:{}",
+                   hwIndex, indices.size());
          swTable_->updateStatistic(Status::staleEntryDeleted);
          SWT_TRACE(8, "handleStaleEntries", ": Marking index available in allocator");
          for (Index index : indices) alloc->markIndexAvailable(index, keyType());
       }
    }
 
-   void handleStaleEntries()
-      requires(Trait::isUnknownIndexTable<T> && !Trait::getBlockSizeDefinedByUser<T>)
-   {
+   void handleStaleEntries() requires(Trait::isUnknownIndexTable<T> &&
+                                      !Trait::getBlockSizeDefinedByUser<T>) {
       Util* util = swTable_->utilIfExists();
       GenericIndexAllocator* alloc = allocator();
       for (const auto& [hwIndex, entry] : swTable_->syncedEntries()) {
-         util->updateHwIndexRefCountTracker(swTable_->hwTable(), hwIndex, IndexUserTracker::released);
+         util->updateHwIndexRefCountTracker(swTable_->hwTable(), hwIndex,
+                                            IndexUserTracker::released);
          const bool assigned = alloc->isIndexAssigned(hwIndex, keyType());
          if (!assigned || alloc->isIndexVerticallyShared(hwIndex, keyType())) {
             util->hwTableEntryDel(*swTable_, hwIndex);
@@ -1037,7 +1042,8 @@ class SwTable::Accessor {
       auto type = [ref](EntryHandle* eh) { ref ? typeReferenced(eh) : typeCommitted(eh); };
       if (UnresolvedEntry* ue = swTable_->unresolvedEntry(key)) {
          if (ue->entry() == entry) {
-            SWT_TRACE(6, op, " : Found existing unresolved entry at key : {}, entry : {}", key, entry);
+            SWT_TRACE(6, op, " : Found existing unresolved entry at key : {}, entry : {}", key,
+                      entry);
             Ptr<EntryHandle> eh = expectEntryHandle(key);
             type(eh.get());
             return eh;
@@ -1154,7 +1160,8 @@ class SwTable::EntryIteratorConst {
 
    // 0 at the end, 1 in the unresolved map, 2 in the resolved map.
    std::uint8_t tag() const noexcept {
-      return position_.valueless_by_exception() ? 255 : static_cast<std::uint8_t>(position_.index());
+      return position_.valueless_by_exception() ? 255
+                                                : static_cast<std::uint8_t>(position_.index());
    }
    bool done() const noexcept { return position_.index() == 0; }
    explicit operator bool() const noexcept { return !done(); }
@@ -1172,9 +1179,14 @@ class SwTable::EntryIteratorConst {
 
    void advance() {
       switch (position_.index()) {
-         case 1: startUnresolved(std::next(std::get<1>(position_))); break;
-         case 2: startResolved(std::next(std::get<2>(position_))); break;
-         default: break;
+         case 1:
+            startUnresolved(std::next(std::get<1>(position_)));
+            break;
+         case 2:
+            startResolved(std::next(std::get<2>(position_)));
+            break;
+         default:
+            break;
       }
    }
    EntryIteratorConst& operator++() {
@@ -1227,8 +1239,7 @@ class SwTableImpl : public Base {
    using EntryIteratorConst = SwTable::EntryIteratorConst<Derived>;
 
    static_assert(SwTableKey<KeyT>, "a table key needs kTypeName, ==, a formatter and a hash");
-   static_assert(SwTableEntry<EntryT>,
-                 "a table entry needs identity == and a formatter");
+   static_assert(SwTableEntry<EntryT>, "a table entry needs identity == and a formatter");
 
    // --- client operations --------------------------------------------------------------
    Ptr<const EntryHandle> entryCommit(const Key& key, const Entry& entry) {
@@ -1237,7 +1248,9 @@ class SwTableImpl : public Base {
    Ptr<const EntryHandle> entryRef(const Key& key, const Entry& entry) {
       return accessor().entryRef(key, entry);
    }
-   Ptr<const EntryHandle> entryWontProgram(const Key& key) { return accessor().entryWontProgram(key); }
+   Ptr<const EntryHandle> entryWontProgram(const Key& key) {
+      return accessor().entryWontProgram(key);
+   }
    void entryRemove(const Key& key) { accessor().entryRemove(key); }
    void entryRemoveAll() { accessor().entryRemoveAll(); }
    Entry entry(const Key& key) const { return caccessor().entry(key); }
@@ -1314,8 +1327,9 @@ class SwTableImpl : public Base {
    bool entryHandleHas(const Key& key) const { return entryHandles_.contains(key); }
    Ptr<EntryHandle> entryHandleIs(const Key& key, Derived* table) {
       if (table != self()) {
-         throw std::logic_error(fmt::format("{}: entry handle of key {} re-instantiated for another table",
-                                            Derived::kTypeName, key));
+         throw std::logic_error(
+             fmt::format("{}: entry handle of key {} re-instantiated for another table",
+                         Derived::kTypeName, key));
       }
       auto [it, inserted] = entryHandles_.try_emplace(key);
       if (inserted) it->second = entryHandleFactory(key, table);
@@ -1378,7 +1392,8 @@ class SwTableImpl : public Base {
       std::uint8_t mode = 0;
       if (it != resolvedEntries_.end()) {
          const auto& current = it->second;
-         if (current.has_value() == value.has_value() && (!value || *current == *value)) return false;
+         if (current.has_value() == value.has_value() && (!value || *current == *value))
+            return false;
          const EntryHandle* eh = entryHandle(key);
          mode = !current ? 1
                          : (eh && eh->resolvedEntryState() == SwTableBase::EntryState::programFailed
@@ -1438,9 +1453,8 @@ class SwTableImpl : public Base {
       unresolvedEntryDelAll();
       resolvedEntries_.clear();
       if (auto* alloc = this->indexAllocator()) {
-         GenericIndexAllocatorStub::freeSharedAllocator(alloc->allocatorTypeName(),
-                                                        Derived::kTypeName,
-                                                        static_cast<const SwTable*>(this));
+         GenericIndexAllocatorStub::freeSharedAllocator(
+             alloc->allocatorTypeName(), Derived::kTypeName, static_cast<const SwTable*>(this));
          this->indexAllocatorIs(nullptr);
       }
       entryHandleDelAll();
@@ -1502,7 +1516,8 @@ void SwTableEntryHandleT<Table, Key, Entry>::lastUserGone() {
 
 template <typename Table, typename Key, typename Entry>
 void SwTableUnresolvedEntryT<Table, Key, Entry>::doResolve() {
-   SwTable::Accessor<Table>(swTable_).doResolve(static_cast<typename Table::UnresolvedEntry*>(this));
+   SwTable::Accessor<Table>(swTable_).doResolve(
+       static_cast<typename Table::UnresolvedEntry*>(this));
 }
 
 template <typename Table, typename Key, typename Entry>

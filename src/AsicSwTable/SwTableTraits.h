@@ -25,11 +25,10 @@ namespace Asic {
 // A table's value type: identity equality and a text form. A value may carry the client's
 // write-response callback (member `writeResponseFn`); the engine calls it when present.
 template <typename E>
-concept SwTableEntry = std::default_initializable<E> && std::copyable<E> &&
-                       requires(const E& e) {
-                          { e == e } -> std::convertible_to<bool>;
-                          { fmt::format("{}", e) };
-                       };
+concept SwTableEntry = std::default_initializable<E> && std::copyable<E> && requires(const E& e) {
+   { e == e } -> std::convertible_to<bool>;
+   {fmt::format("{}", e)};
+};
 
 template <typename E>
 concept HasWriteResponseFn = requires(const E& e) {
@@ -43,19 +42,27 @@ namespace Trait {
 
 // The table chooses hardware indices itself through an allocator.
 template <typename T>
-concept isUnknownIndexTable = requires { requires T::Traits::isUnknownIndexTable; };
+concept isUnknownIndexTable = requires {
+   requires T::Traits::isUnknownIndexTable;
+};
 
 // Indices come from another agent: no local reconciliation by index, no suggestions.
 template <typename T>
-concept hasRemoteAllocator = requires { requires T::Traits::hasRemoteAllocator; };
+concept hasRemoteAllocator = requires {
+   requires T::Traits::hasRemoteAllocator;
+};
 
 // Removal of a programmed key waits for the hardware to confirm the delete.
 template <typename T>
-concept tableNeedsDeleteDance = !requires { requires !T::Traits::tableNeedsDeleteDance; };
+concept tableNeedsDeleteDance = !requires {
+   requires !T::Traits::tableNeedsDeleteDance;
+};
 
 // Entries occupy a block of indices whose size the entry states.
 template <typename T>
-concept getBlockSizeDefinedByUser = requires { requires T::Traits::getBlockSizeDefinedByUser; };
+concept getBlockSizeDefinedByUser = requires {
+   requires T::Traits::getBlockSizeDefinedByUser;
+};
 
 }  // namespace Trait
 }  // namespace Asic

@@ -15,8 +15,8 @@
 #include <iostream>
 #include <vector>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include "Asic/EventLoop.h"
@@ -51,18 +51,20 @@ struct DemoOptions {
 
 bool runRemapDemo(const DemoOptions& opt, nlohmann::json& report) {
    if (opt.groups + 1 > opt.entries) {
-      throw CLI::ValidationError("--groups", fmt::format("{} groups do not fit a table of {} entries "
-                                                         "(index 0 is reserved)",
-                                                         opt.groups, opt.entries));
+      throw CLI::ValidationError("--groups",
+                                 fmt::format("{} groups do not fit a table of {} entries "
+                                             "(index 0 is reserved)",
+                                             opt.groups, opt.entries));
    }
    Asic::EventLoop loop;
    ChipSim::Chip chip(loop, 0);
-   auto hw = chip.tableIs("ING_IPMC_REMAP", opt.entries,
-                          ChipSim::IngIpmcRemapTableSimUtil::kEntryWords);
+   auto hw =
+       chip.tableIs("ING_IPMC_REMAP", opt.entries, ChipSim::IngIpmcRemapTableSimUtil::kEntryWords);
    auto table = VelmarMcast::ingIpmcRemapTableFactory();
    if (!table->utilIfExists()) {
-      throw std::runtime_error("no Util for VelmarMcast::IngIpmcRemapTable: set VELMAR_PLUGIN_PATH "
-                               "to the directory holding AsicFeature/");
+      throw std::runtime_error(
+          "no Util for VelmarMcast::IngIpmcRemapTable: set VELMAR_PLUGIN_PATH "
+          "to the directory holding AsicFeature/");
    }
    table->hwTableIs(hw);
    table->doCreateAllocator();
@@ -73,9 +75,8 @@ bool runRemapDemo(const DemoOptions& opt, nlohmann::json& report) {
    std::uint64_t successes = 0;
    for (std::uint32_t n = 0; n < opt.groups; ++n) {
       targets.push_back(VelmarMcast::testEntryHandle());
-      VelmarMcast::IngIpmcRemapTableEntry entry(targets.back(), n % 32, [&successes](State s) {
-         successes += s == State::success;
-      });
+      VelmarMcast::IngIpmcRemapTableEntry entry(
+          targets.back(), n % 32, [&successes](State s) { successes += s == State::success; });
       table->entryCommit(VelmarL3Common::L3IpmcKey{0xEF000000u + n, 0}, entry);
    }
    const auto waiting = table->unresolvedEntries().size();
@@ -121,9 +122,10 @@ bool runRemapDemo(const DemoOptions& opt, nlohmann::json& report) {
                  writesBeforeResponses, successes);
       fmt::print("  chip holds {} entries, {} verified against their groups\n", programmed,
                  verified);
-      fmt::print("  removed all: {} entries left, {} indices used (the reserved index 0), {} "
-                 "deletes\n",
-                 left, used, hw->counters().clears);
+      fmt::print(
+          "  removed all: {} entries left, {} indices used (the reserved index 0), {} "
+          "deletes\n",
+          left, used, hw->counters().clears);
    }
    return verified == opt.groups && successes == opt.groups && left == 0 && used == 1;
 }
@@ -134,8 +136,9 @@ using ListEntry = MmuReplListTable::Entry;
 Asic::Ptr<MmuReplListTable> listTableOver(const Asic::Ptr<ChipSim::SimHwTable>& hw) {
    auto table = VelmarMcast::mmuReplListTableFactory();
    if (!table->utilIfExists()) {
-      throw std::runtime_error("no Util for VelmarMcast::MmuReplListTable: set VELMAR_PLUGIN_PATH "
-                               "to the directory holding AsicFeature/");
+      throw std::runtime_error(
+          "no Util for VelmarMcast::MmuReplListTable: set VELMAR_PLUGIN_PATH "
+          "to the directory holding AsicFeature/");
    }
    table->hwTableIs(hw);
    table->doCreateAllocator();
@@ -191,9 +194,9 @@ bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
       const auto* eh = table->entryWeakRef(list);
       firstIndex.push_back(eh ? eh->hwIndex() : Asic::invalidIndex);
       if (!eh) continue;
-      verified += ChipSim::chainAt<ChipSim::ReplListFormat>(*hw, eh->hwIndex()) ==
-                      table->hwIndices(list) &&
-                  util.compareHwEntries(*table, eh->hwIndex(), table->entry(list));
+      verified +=
+          ChipSim::chainAt<ChipSim::ReplListFormat>(*hw, eh->hwIndex()) == table->hwIndices(list) &&
+          util.compareHwEntries(*table, eh->hwIndex(), table->entry(list));
    }
    const auto programmed = hw->memory().validEntries();
 
@@ -252,17 +255,17 @@ bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
       fmt::print("  committed {} lists of {} egress objects: {} writes, {} entries in the chip\n",
                  opt.lists, opt.egress, coldWrites, programmed);
       fmt::print("  {} lists read back as chains equal to what was committed\n", verified);
-      fmt::print("  warm restart: {} lists synced from the chip, {} replayed, {} reconciled, {} "
-                 "stale purged\n",
-                 synced, replayed, stats[Status::reconciled], stats[Status::staleEntryDeleted]);
+      fmt::print(
+          "  warm restart: {} lists synced from the chip, {} replayed, {} reconciled, {} "
+          "stale purged\n",
+          synced, replayed, stats[Status::reconciled], stats[Status::staleEntryDeleted]);
       fmt::print("    {} writes, {} deletes; {} entries in the chip\n", warmWrites, warmDeletes,
                  afterPurge);
       fmt::print("  removed all: {} entries left, {} indices used (the reserved index 0)\n", left,
                  used);
    }
    return verified == opt.lists && synced == opt.lists && stats[Status::reconciled] == replayed &&
-          stats[Status::staleEntryDeleted] == dropped && warmWrites == 0 && left == 0 &&
-          used == 1;
+          stats[Status::staleEntryDeleted] == dropped && warmWrites == 0 && left == 0 && used == 1;
 }
 
 int runDemo(const DemoOptions& opt) {
@@ -281,8 +284,11 @@ int main(int argc, char** argv) {
    CLI::App app{"Reference multicast agent over the simulated chip"};
    app.require_subcommand(1);
    DemoOptions opt;
-   auto* demo = app.add_subcommand("demo", "IPMC remap entries and replication lists: commit, program, verify, restart, remove");
-   demo->add_option("--groups", opt.groups, "number of multicast groups")->check(CLI::Range(1u, 1u << 20));
+   auto* demo = app.add_subcommand(
+       "demo",
+       "IPMC remap entries and replication lists: commit, program, verify, restart, remove");
+   demo->add_option("--groups", opt.groups, "number of multicast groups")
+       ->check(CLI::Range(1u, 1u << 20));
    demo->add_option("--entries", opt.entries, "entries of the chip's remap table")
        ->check(CLI::Range(2u, 1u << 24));
    demo->add_option("--lists", opt.lists, "number of replication lists")

@@ -81,11 +81,11 @@ IngIpmcRemapTableEntry::IngIpmcRemapTableEntry(Asic::CharRange& range) {
 }
 
 std::string IngIpmcRemapTableEntry::toString() const {
-   return fmt::format(
-       "{{remappedIpmcIndexHandle: {}, remappedIpmcIndex: {}, strengthProfile: {}}}",
-       remappedIpmcIndexHandle ? fmt::format("{}", fmt::ptr(remappedIpmcIndexHandle.get()))
-                               : std::string("null"),
-       remappedIpmcIndex, strengthProfile);
+   return fmt::format("{{remappedIpmcIndexHandle: {}, remappedIpmcIndex: {}, strengthProfile: {}}}",
+                      remappedIpmcIndexHandle
+                          ? fmt::format("{}", fmt::ptr(remappedIpmcIndexHandle.get()))
+                          : std::string("null"),
+                      remappedIpmcIndex, strengthProfile);
 }
 
 IngIpmcRemapTable::IngIpmcRemapTable() : SwTableImpl("") {

@@ -17,7 +17,6 @@
 #include "VelmarL3Common/L3IpmcSharedAllocator.h"
 #include "VelmarMcast/TableUtilLoader.h"
 
-
 namespace VelmarMcast {
 
 class IngIpmcRemapTable;
@@ -46,7 +45,8 @@ class IngIpmcRemapTableEntry {
       return this == &other || (remappedIpmcIndexHandle == other.remappedIpmcIndexHandle &&
                                 strengthProfile == other.strengthProfile);
    }
-   friend bool operator==(const IngIpmcRemapTableEntry& a, const IngIpmcRemapTableEntry& b) noexcept {
+   friend bool operator==(const IngIpmcRemapTableEntry& a,
+                          const IngIpmcRemapTableEntry& b) noexcept {
       return a.isEq(b);
    }
    friend std::strong_ordering operator<=>(const IngIpmcRemapTableEntry& a,
@@ -61,9 +61,8 @@ class IngIpmcRemapTableEntry {
    std::string toString() const;
 };
 
-class IngIpmcRemapTable
-    : public Asic::SwTableImpl<IngIpmcRemapTable, VelmarL3Common::L3IpmcKey, IngIpmcRemapTableEntry,
-                               IngIpmcRemapTableUtil> {
+class IngIpmcRemapTable : public Asic::SwTableImpl<IngIpmcRemapTable, VelmarL3Common::L3IpmcKey,
+                                                   IngIpmcRemapTableEntry, IngIpmcRemapTableUtil> {
  public:
    static constexpr std::string_view kTypeName = "VelmarMcast::IngIpmcRemapTable";
    using SharedAllocator = VelmarL3Common::L3IpmcSharedAllocator;

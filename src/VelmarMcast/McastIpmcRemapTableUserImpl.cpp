@@ -13,5 +13,4 @@ Asic::Ptr<const IngIpmcRemapTable::EntryHandle> IngIpmcRemapTable::entryWriteAtI
    return entryCommit(key, entry);
 }
 
-
 }  // namespace VelmarMcast

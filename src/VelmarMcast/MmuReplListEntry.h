@@ -16,8 +16,8 @@
 #include <string>
 #include <string_view>
 
-#include <boost/container/flat_map.hpp>
 #include <fmt/format.h>
+#include <boost/container/flat_map.hpp>
 
 #include "Asic/EntryBase.h"
 #include "Asic/RefCounted.h"

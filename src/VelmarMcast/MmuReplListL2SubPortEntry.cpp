@@ -12,7 +12,8 @@ constexpr std::string_view kEntryName = "MmuReplListL2SubPortTable::Entry";
 // Each piece may follow spaces: "{ modeBitmap :" reads like "{modeBitmap:".
 void expect(Asic::CharRange& range, std::initializer_list<std::string_view> pieces,
             std::string_view attribute) {
-   for (std::string_view piece : pieces) Asic::TextParse::expect(range, piece, attribute, kEntryName);
+   for (std::string_view piece : pieces)
+      Asic::TextParse::expect(range, piece, attribute, kEntryName);
 }
 using Asic::TextParse::token;
 

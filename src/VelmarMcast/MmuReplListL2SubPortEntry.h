@@ -16,10 +16,10 @@
 
 #include <fmt/format.h>
 
+#include "Asic/CharRange.h"
 #include "Asic/EntryBase.h"
 #include "Asic/SwTableBase.h"
 #include "Ulm/PerUnitBitmap.h"
-#include "Asic/CharRange.h"
 
 namespace VelmarMcast {
 

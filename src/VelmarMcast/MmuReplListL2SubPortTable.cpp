@@ -30,11 +30,16 @@ const LibraryLoad& libraryLoad() {
 std::string_view toString(Asic::GenericIndexAllocator::RequestStatus status) {
    using Status = Asic::GenericIndexAllocator::RequestStatus;
    switch (status) {
-      case Status::assigned: return "assigned";
-      case Status::alreadyOwned: return "already owned";
-      case Status::indexTaken: return "taken by another entry or reserved";
-      case Status::keyHasOther: return "the entry already holds another index";
-      case Status::outOfRange: return "out of range";
+      case Status::assigned:
+         return "assigned";
+      case Status::alreadyOwned:
+         return "already owned";
+      case Status::indexTaken:
+         return "taken by another entry or reserved";
+      case Status::keyHasOther:
+         return "the entry already holds another index";
+      case Status::outOfRange:
+         return "out of range";
    }
    return "unknown";
 }
@@ -47,8 +52,8 @@ MmuReplListL2SubPortTable::MmuReplListL2SubPortTable() : SwTableImpl("") {
    utilIs(UtilLoader::instance().utilForNewTable());
 }
 
-Asic::Ptr<const MmuReplListL2SubPortTable::EntryHandle> MmuReplListL2SubPortTable::entryWriteAtIndex(
-    Asic::Index index, const Entry& entry) {
+Asic::Ptr<const MmuReplListL2SubPortTable::EntryHandle>
+MmuReplListL2SubPortTable::entryWriteAtIndex(Asic::Index index, const Entry& entry) {
    auto* alloc = indexAllocator();
    if (!alloc) {
       throw std::logic_error(
@@ -65,7 +70,6 @@ Asic::Ptr<const MmuReplListL2SubPortTable::EntryHandle> MmuReplListL2SubPortTabl
               kTypeName, entry);
    return accessor().entryResolvedIs(entry, entry);
 }
-
 
 Asic::Ptr<MmuReplListL2SubPortTable> mmuReplListL2SubPortTableFactory() {
    return Asic::makePtr<MmuReplListL2SubPortTable>();

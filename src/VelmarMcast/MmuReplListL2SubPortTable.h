@@ -38,7 +38,6 @@ class MmuReplListL2SubPortTable
    // nothing, when the allocator will not give the entry that index.
    Asic::Ptr<const EntryHandle> entryWriteAtIndex(Asic::Index index, const Entry& entry);
 
-
    // No dependent fields.
    template <typename F>
    static void forEachNeededEntryHandle(const Entry&, F&&) {}

@@ -60,9 +60,9 @@ MmuReplListTable::MmuReplListTable() : SwTableImpl("") {
 void MmuReplListTable::entryValidate(const Entry& entry) {
    const unsigned leastSparse = entry.denseEntrySize() == 0 ? 1 : 2;
    if (entry.sparseEntrySize() < leastSparse) {
-      throw std::invalid_argument(fmt::format(
-          "{}: list {}: sparseEntrySize {} is below {} (denseEntrySize {})", kTypeName, entry,
-          entry.sparseEntrySize(), leastSparse, entry.denseEntrySize()));
+      throw std::invalid_argument(
+          fmt::format("{}: list {}: sparseEntrySize {} is below {} (denseEntrySize {})", kTypeName,
+                      entry, entry.sparseEntrySize(), leastSparse, entry.denseEntrySize()));
    }
    if (entry.denseEntrySize() == 0) return;
    for (const auto& [eh, ports] : entry.egressObjectHandles()) {
@@ -83,7 +83,6 @@ void MmuReplListTable::resolveDependentFields(Entry& entry) {
       entry.egressObjectIs(eh->hwIndexForDependentField(), ports);
    }
 }
-
 
 std::vector<Asic::Index> MmuReplListTable::hwIndices(const Entry& entry) const {
    auto* alloc = indexAllocator();

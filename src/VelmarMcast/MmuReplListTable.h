@@ -43,9 +43,8 @@ void registerMmuReplListSharedAllocator();
 
 class MmuReplListTableUtil;
 
-class MmuReplListTable
-    : public Asic::SwTableImpl<MmuReplListTable, MmuReplListTableEntry, MmuReplListTableEntry,
-                               MmuReplListTableUtil> {
+class MmuReplListTable : public Asic::SwTableImpl<MmuReplListTable, MmuReplListTableEntry,
+                                                  MmuReplListTableEntry, MmuReplListTableUtil> {
  public:
    static constexpr std::string_view kTypeName = "VelmarMcast::MmuReplListTable";
    using SharedAllocator = MmuReplListSharedAllocator;

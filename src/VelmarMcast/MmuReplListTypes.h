@@ -29,8 +29,8 @@ class PortList {
    static constexpr std::string_view kTypeName = "VelmarMcast::PortList";
    using Port = std::uint16_t;
    // Inline up to 4 ports: lists are copied with every key, and most egress objects have one.
-   using Ports = boost::container::flat_set<Port, std::less<Port>,
-                                            boost::container::small_vector<Port, 4>>;
+   using Ports =
+       boost::container::flat_set<Port, std::less<Port>, boost::container::small_vector<Port, 4>>;
    using const_iterator = Ports::const_iterator;
 
    PortList() = default;

@@ -18,9 +18,9 @@ std::uint64_t membersOf(const Ulm::PerUnitBitmap& bitmap) {
    for (std::size_t word = 0; word < bitmap.wordCount(); ++word) {
       if (word >= 2) {
          if (bitmap.words()[word] != 0) {
-            throw std::invalid_argument(fmt::format(
-                "{}: dense member bitmap {} is wider than 64 bits", ReplListFormat::kMemory,
-                bitmap.toString()));
+            throw std::invalid_argument(
+                fmt::format("{}: dense member bitmap {} is wider than 64 bits",
+                            ReplListFormat::kMemory, bitmap.toString()));
          }
          continue;
       }
@@ -73,8 +73,9 @@ MmuReplListTableSimUtil::Entry MmuReplListTableSimUtil::entryFromHw(
          VelmarMcast::SparseReplListEntry sparse;
          for (const auto& [nextHop, port] : hw.pairs) {
             sparse.nexthopIdToPortIdIs({nextHop, port});
-            VelmarMcast::PortList ports =
-                entry.egressObjectHas(nextHop) ? entry.egressObject(nextHop) : VelmarMcast::PortList{};
+            VelmarMcast::PortList ports = entry.egressObjectHas(nextHop)
+                                              ? entry.egressObject(nextHop)
+                                              : VelmarMcast::PortList{};
             ports.portIs(port);
             entry.egressObjectIs(nextHop, ports);
          }
@@ -96,13 +97,15 @@ MmuReplListTableSimUtil::Entry MmuReplListTableSimUtil::entryFromHw(
 
 void MmuReplListTableSimUtil::entryValidate(const Entry& entry) const {
    if (entry.sparseEntrySize() > ReplListFormat::kMaxSparsePairs) {
-      throw std::invalid_argument(fmt::format(
-          "{}: list {}: sparseEntrySize {} exceeds the {} pairs a sparse entry holds",
-          ReplListFormat::kMemory, entry, entry.sparseEntrySize(), ReplListFormat::kMaxSparsePairs));
+      throw std::invalid_argument(
+          fmt::format("{}: list {}: sparseEntrySize {} exceeds the {} pairs a sparse entry holds",
+                      ReplListFormat::kMemory, entry, entry.sparseEntrySize(),
+                      ReplListFormat::kMaxSparsePairs));
    }
 }
 
-void MmuReplListTableSimUtil::hwTableEntryIs(Table& table, const std::vector<Asic::Index>& hwIndices,
+void MmuReplListTableSimUtil::hwTableEntryIs(Table& table,
+                                             const std::vector<Asic::Index>& hwIndices,
                                              const Entry& key) {
    Asic::HwTable& hw = boundHwTable(table);
    const auto* resolved = table.resolvedEntry(key);
@@ -135,8 +138,8 @@ bool MmuReplListTableSimUtil::compareHwEntries(Table& table, Asic::Index hwIndex
    auto hwList = readList(boundHwTable(table), hwIndex);
    if (!hwList) return false;
    const Entry hw = entryFromHw(*hwList);
-   return hwList->size() == entry.sparseReplListEntries().size() +
-                                entry.denseReplListEntries().size() &&
+   return hwList->size() ==
+              entry.sparseReplListEntries().size() + entry.denseReplListEntries().size() &&
           hw.sparseReplListEntries() == entry.sparseReplListEntries() &&
           hw.denseReplListEntries() == entry.denseReplListEntries();
 }

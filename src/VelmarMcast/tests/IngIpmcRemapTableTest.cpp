@@ -57,7 +57,8 @@ TEST_F(RemapCommitTest, FailedWriteEndsInProgramFailed) {
    // Verify that a write the chip reports as failed reaches the client as programFailed.
    hw_->writesFailingIs(1);
    CallbackLog log;
-   auto eh = table_->entryCommit(groupKey(1), remapTo(testEntryHandle(5, State::success), 0, log.fn()));
+   auto eh =
+       table_->entryCommit(groupKey(1), remapTo(testEntryHandle(5, State::success), 0, log.fn()));
    loop_.runUntilIdle();
    EXPECT_EQ(eh->entryState(), State::programFailed);
    EXPECT_EQ(log.count(State::programFailed), 1u);
@@ -198,7 +199,8 @@ TEST_F(RemapCommitTest, RefThenCommitAddsExactlyOneUseCount) {
 TEST_F(RemapCommitTest, WriteAtIndexUsesThatIndexAndMapsItBackToTheKey) {
    // Verify that entryWriteAtIndex programs the key at the index it names, and that the
    // index maps back to the key for this and other agents.
-   auto eh = table_->entryWriteAtIndex(300, groupKey(9), remapTo(testEntryHandle(1, State::success), 0));
+   auto eh =
+       table_->entryWriteAtIndex(300, groupKey(9), remapTo(testEntryHandle(1, State::success), 0));
    EXPECT_EQ(eh->hwIndex(), 300u);
    ASSERT_TRUE(hwEntry(300));
    EXPECT_EQ(table_->swKeyFromHwIndex(300), groupKey(9));
@@ -232,9 +234,11 @@ TEST_F(RemapCommitTest, EngineTracesNameTableOperationAndKey) {
    Asic::TraceCapture capture("VelmarMcast::IngIpmcRemapTable/0-9");
    table_->entryCommit(groupKey(1), remapTo(testEntryHandle(1, State::success), 0));
    loop_.runUntilIdle();
-   EXPECT_TRUE(capture.contains("VelmarMcast::IngIpmcRemapTable : entryCommit : Writing new entry "
-                                "at key: L3IpmcKey(group=239.0.0.1, vrf=0)"));
-   EXPECT_TRUE(capture.contains("VelmarMcast::IngIpmcRemapTable : traceHwIndex Acquired hwIndex : 1"));
+   EXPECT_TRUE(
+       capture.contains("VelmarMcast::IngIpmcRemapTable : entryCommit : Writing new entry "
+                        "at key: L3IpmcKey(group=239.0.0.1, vrf=0)"));
+   EXPECT_TRUE(
+       capture.contains("VelmarMcast::IngIpmcRemapTable : traceHwIndex Acquired hwIndex : 1"));
    EXPECT_TRUE(capture.contains(" entryhandle state: COMPLETE  success at key : L3IpmcKey("));
 }
 
@@ -251,7 +255,8 @@ class RemapProgrammedStateSwitchTest : public RemapTableFixture {
 TEST_F(RemapProgrammedStateSwitchTest, CompletesWithoutAWriteResponse) {
    // Verify that with the switch on a committed key reaches success with no response.
    CallbackLog log;
-   auto eh = table_->entryCommit(groupKey(1), remapTo(testEntryHandle(1, State::success), 0, log.fn()));
+   auto eh =
+       table_->entryCommit(groupKey(1), remapTo(testEntryHandle(1, State::success), 0, log.fn()));
    EXPECT_EQ(eh->entryState(), State::success);
    EXPECT_EQ(log.count(State::success), 1u);
    EXPECT_EQ(loop_.runUntilIdle(), 0u) << "no write response is awaited";
@@ -444,7 +449,8 @@ TEST(RemapEntryText, RoundTripsAndNamesTheAttributeOutOfRange) {
    entry.strengthProfile = 31;
    const std::string written = entry.toString();
    Asic::CharRange text{written};
-   EXPECT_EQ(text.text, "{remappedIpmcIndexHandle: null, remappedIpmcIndex: 513, strengthProfile: 31}");
+   EXPECT_EQ(text.text,
+             "{remappedIpmcIndexHandle: null, remappedIpmcIndex: 513, strengthProfile: 31}");
    Entry back(text);
    EXPECT_EQ(back.remappedIpmcIndex, 513);
    EXPECT_EQ(back.strengthProfile, 31);
@@ -458,12 +464,15 @@ TEST(RemapEntryText, RoundTripsAndNamesTheAttributeOutOfRange) {
       }
       return std::string("none");
    };
-   EXPECT_EQ(attributeOf("{remappedIpmcIndexHandle: 0x1234, remappedIpmcIndex: 1, strengthProfile: 1}"),
-             "remappedIpmcIndexHandle");
-   EXPECT_EQ(attributeOf("{remappedIpmcIndexHandle: null, remappedIpmcIndex: 65536, strengthProfile: 1}"),
-             "remappedIpmcIndex");
-   EXPECT_EQ(attributeOf("{remappedIpmcIndexHandle: null, remappedIpmcIndex: 1, strengthProfile: 32}"),
-             "strengthProfile");
+   EXPECT_EQ(
+       attributeOf("{remappedIpmcIndexHandle: 0x1234, remappedIpmcIndex: 1, strengthProfile: 1}"),
+       "remappedIpmcIndexHandle");
+   EXPECT_EQ(
+       attributeOf("{remappedIpmcIndexHandle: null, remappedIpmcIndex: 65536, strengthProfile: 1}"),
+       "remappedIpmcIndex");
+   EXPECT_EQ(
+       attributeOf("{remappedIpmcIndexHandle: null, remappedIpmcIndex: 1, strengthProfile: 32}"),
+       "strengthProfile");
    EXPECT_THROW(Entry(nullptr, 32), Asic::AttributeRangeError);
 }
 

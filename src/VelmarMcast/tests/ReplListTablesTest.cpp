@@ -29,8 +29,8 @@ using State = Asic::SwTableBase::EntryState;
 using Status = Asic::SwTable::ReconciliationStatus;
 using ListEntry = MmuReplListTable::Entry;
 using L2Entry = MmuReplListL2SubPortTable::Entry;
-using ChipSim::ReplListFormat;
 using ChipSim::L2SubPortFormat;
+using ChipSim::ReplListFormat;
 
 constexpr std::uint32_t kEntries = 1024;
 
@@ -65,11 +65,12 @@ class ReplListTablesTest : public ::testing::Test {
       l2_->cleanup();
       lists_.reset();
       l2_.reset();
-      ASSERT_EQ(Asic::GenericIndexAllocatorStub::sharedAllocator(MmuReplListSharedAllocator::kTypeName),
-                nullptr);
+      ASSERT_EQ(
+          Asic::GenericIndexAllocatorStub::sharedAllocator(MmuReplListSharedAllocator::kTypeName),
+          nullptr);
       tablesIs();
-      for (auto* table : {static_cast<Asic::SwTable*>(lists_.get()),
-                          static_cast<Asic::SwTable*>(l2_.get())}) {
+      for (auto* table :
+           {static_cast<Asic::SwTable*>(lists_.get()), static_cast<Asic::SwTable*>(l2_.get())}) {
          table->configReplayCompleteIs(false);
       }
       lists_->syncEntries();
@@ -120,8 +121,9 @@ TEST_F(ReplListTablesTest, BothTablesDrawFromOneAllocatorThatNeverHandsOutIndexZ
    std::set<Asic::Index> used;
    for (std::uint32_t n = 0; n < 40; ++n) {
       auto eh = lists_->entryCommit(list({n + 1}, n + 1), list({n + 1}, n + 1));
-      auto l2 = l2_->entryCommit(L2Entry(1, Ulm::PerUnitBitmap(std::vector<std::uint32_t>{n + 1, 0})),
-                                 L2Entry(1, Ulm::PerUnitBitmap(std::vector<std::uint32_t>{n + 1, 0})));
+      auto l2 =
+          l2_->entryCommit(L2Entry(1, Ulm::PerUnitBitmap(std::vector<std::uint32_t>{n + 1, 0})),
+                           L2Entry(1, Ulm::PerUnitBitmap(std::vector<std::uint32_t>{n + 1, 0})));
       loop_.runUntilIdle();
       for (Asic::Index index : lists_->hwIndices(list({n + 1}, n + 1))) {
          EXPECT_NE(index, 0u);
