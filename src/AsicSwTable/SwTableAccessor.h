@@ -1423,6 +1423,15 @@ class SwTableImpl : public Base {
       auto it = syncedEntries_.find(index);
       return it == syncedEntries_.end() ? nullptr : &it->second;
    }
+   // The synced entry at an index; throws std::out_of_range naming the index when none.
+   const Entry& syncedEntryGet(Index index) const {
+      const Entry* entry = syncedEntry(index);
+      if (!entry) {
+         throw std::out_of_range(
+             fmt::format("{}: no synced entry at index {}", Derived::kTypeName, index));
+      }
+      return *entry;
+   }
    void syncedEntryIs(Index index, const Entry& entry) {
       syncedEntries_.insert_or_assign(index, entry);
       this->publish("syncedEntry");

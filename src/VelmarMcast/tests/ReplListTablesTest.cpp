@@ -237,6 +237,8 @@ TEST_F(ReplListTablesTest, RestartReconcilesThroughASuggestionWithoutAWriteAndPu
    ASSERT_EQ(staleIndices.size(), 2u);
    ASSERT_NO_FATAL_FAILURE(restart());
    EXPECT_EQ(lists_->syncedEntries().size(), 2u);
+   EXPECT_EQ(lists_->syncedEntryGet(keptFirst).egressObjects().size(), 6u);
+   EXPECT_THROW(lists_->syncedEntryGet(0), std::out_of_range);
 
    // The replay: the kept list, and a new one that must not land on the stale list's entries.
    auto k = lists_->entryCommit(kept, kept);
