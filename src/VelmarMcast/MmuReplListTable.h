@@ -74,12 +74,13 @@ class MmuReplListTable : public Asic::SwTableImpl<MmuReplListTable, MmuReplListT
    }
    static void resolveDependentFields(Entry& entry);
    // At restart the hardware does not say which handle a next hop belongs to: each handle
-   // is offered the next hops of the hardware list that serve the same ports.
+   // is offered the next hops of the hardware list that serve the same ports, or whose
+   // ports the hardware does not keep (dense entries).
    template <typename F>
    static void forEachDependentField(const Entry& swEntry, const Entry& syncedEntry, F&& fn) {
       for (const auto& [eh, ports] : swEntry.egressObjectHandles()) {
          for (const auto& [index, syncedPorts] : syncedEntry.egressObjects()) {
-            if (syncedPorts == ports) fn(eh.get(), Asic::Index(index));
+            if (syncedPorts == ports || syncedPorts.empty()) fn(eh.get(), Asic::Index(index));
          }
       }
    }

@@ -192,6 +192,26 @@ TEST_F(ReplListTablesTest, RemovalDeletesEveryEntryAndReturnsEveryIndex) {
    EXPECT_EQ(validEntries(listHw_), 0u);
 }
 
+TEST_F(ReplListTablesTest, ListIsDoneOnlyWhenEveryEntryOfItsChainIsAndFailsIfOneFails) {
+   // Three entries per list: one completion of the first list is held back, one write of
+   // the second list fails.
+   const ListEntry late = list({1, 2, 3, 4, 5, 6, 7, 8, 9}, 1);
+   const ListEntry failing = list({11, 12, 13, 14, 15, 16, 17, 18, 19}, 2);
+   listHw_->completionsHeldIs(1, 3);
+   auto slow = lists_->entryCommit(late, late);
+   loop_.runOnce();
+   loop_.runOnce();
+   EXPECT_EQ(slow->entryState(), State::inProgress) << "one of its three writes is still out";
+   loop_.runUntilIdle();
+   EXPECT_EQ(slow->entryState(), State::success);
+
+   listHw_->writesFailingIs(1);
+   auto failed = lists_->entryCommit(failing, failing);
+   loop_.runUntilIdle();
+   EXPECT_EQ(failed->entryState(), State::programFailed);
+   EXPECT_EQ(slow->entryState(), State::success);
+}
+
 TEST_F(ReplListTablesTest, GenIdMakesAnotherListOverTheSameEgressObjects) {
    auto a = lists_->entryCommit(list({1, 2}, 1), list({1, 2}, 1));
    auto b = lists_->entryCommit(list({1, 2}, 2), list({1, 2}, 2));
