@@ -287,6 +287,42 @@ TEST_F(ReplListTablesTest, RestartReconcilesThroughASuggestionWithoutAWriteAndPu
    EXPECT_EQ(f->entryState(), State::success);
 }
 
+TEST_F(ReplListTablesTest, SuggestionForAListStillWaitingIsPassedToItsEgressObjects) {
+   // Verify that a suggestion reaching a list whose egress objects have no index yet is
+   // passed down to them (the next hops the hardware list holds for their ports), and that
+   // the list reconciles at the suggested index, without a write, once they are programmed.
+   const ListEntry cold = list({5, 6, 7}, 1);
+   Asic::Index first = 0;
+   {
+      auto eh = lists_->entryCommit(cold, cold);
+      loop_.runUntilIdle();
+      first = eh->hwIndex();
+   }
+   ASSERT_NO_FATAL_FAILURE(restart());
+   std::vector<Asic::Ptr<VelmarMcastTestEntryHandle>> hops;
+   ListEntry replayed;
+   for (std::uint16_t nh : {5, 6, 7}) {
+      hops.push_back(testEntryHandle());
+      replayed.egressObjectHandleIs(hops.back(), PortList{nh});
+   }
+   replayed.genIdIs(1);
+   replayed.sparseEntrySizeIs(4);
+   auto eh = lists_->entryCommit(replayed, replayed);
+   Asic::SwTableBase::suggestIndicesToNeededEntryHandle(eh.get(), {first});
+   for (std::size_t i = 0; i < hops.size(); ++i) {
+      ASSERT_EQ(hops[i]->suggestions().size(), 1u) << "next hop " << i;
+      EXPECT_THAT(hops[i]->suggestions().front(), ElementsAre(5 + i));
+   }
+   for (std::size_t i = 0; i < hops.size(); ++i) hops[i]->programmedIs(Asic::Index(5 + i));
+   EXPECT_EQ(eh->entryState(), State::indexReconciled);
+   EXPECT_EQ(eh->hwIndex(), first);
+   lists_->doInitComplete();
+   lists_->purgeStaleEntries();
+   loop_.runUntilIdle();
+   EXPECT_EQ(listHw_->counters().writes, 0u);
+   EXPECT_EQ(listHw_->counters().clears, 0u);
+}
+
 TEST_F(ReplListTablesTest, SuggestionWithOtherContentsIsTakenOnlyAtInitComplete) {
    // Verify that a suggested list whose entries differ is not adopted during the replay,
    // and that at the end of the replay the held-back list takes it over in place (one
