@@ -2,9 +2,10 @@
 
 #include <cstdio>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -43,9 +44,6 @@ TEST(TraceTest, LevelsForPatternsRangesAndLists) {
    EXPECT_EQ(Trace::levelsFor(setting, "VelmarMcast::MmuReplListTable"), kAll);
    EXPECT_EQ(Trace::levelsFor(setting, "SwTableStat"), bit(0));
    EXPECT_EQ(Trace::levelsFor(setting, "SwTableStatX"), 0) << "patterns match whole names";
-   EXPECT_EQ(Trace::levelsFor(setting, "Other::Table"), 0);
-
-   EXPECT_EQ(Trace::levelsFor("Foo/0,5", "Foo"), bit(0) | bit(5));
    EXPECT_EQ(Trace::levelsFor("Foo/0,5,Bar/1", "Foo"), bit(0) | bit(5));
    EXPECT_EQ(Trace::levelsFor("Foo/0,5,Bar/1", "Bar"), bit(1));
    EXPECT_EQ(Trace::levelsFor("Foo/1-3,7", "Foo"), bit(1) | bit(2) | bit(3) | bit(7));
@@ -55,37 +53,27 @@ TEST(TraceTest, LevelsForPatternsRangesAndLists) {
    EXPECT_EQ(Trace::levelsFor("", "Foo"), 0);
 }
 
-// Verify that every malformed item is rejected with a message naming it.
-TEST(TraceTest, BadLevelsThrowNamingTheItem) {
-   struct Case {
-      const char* setting;
-      const char* named;
-   };
-   const Case cases[] = {
-       {"Foo/10", "'10' in 'Foo/10'"},
-       {"Foo/x", "'x' in 'Foo/x'"},
-       {"Foo/3-1", "'3-1' in 'Foo/3-1'"},
-       {"Foo/-1", "'-1' in 'Foo/-1'"},
-       {"Foo/0-", "'0-' in 'Foo/0-'"},
-       {"Bar/1,Foo/0,5x", "'5x' in 'Foo/0,5x'"},
-       {"Foo/", "'Foo/'"},
-       {"/3", "'/3'"},
-   };
-   for (const Case& c : cases) {
+// Verify that every malformed item is rejected with a message naming it, and that a
+// rejected setting leaves the handles' levels as they were.
+TEST(TraceTest, BadLevelsThrowNamingTheItemAndChangeNothing) {
+   const std::pair<const char*, const char*> cases[] = {{"Foo/10", "'10' in 'Foo/10'"},
+                                                        {"Foo/x", "'x' in 'Foo/x'"},
+                                                        {"Foo/3-1", "'3-1' in 'Foo/3-1'"},
+                                                        {"Foo/-1", "'-1' in 'Foo/-1'"},
+                                                        {"Foo/0-", "'0-' in 'Foo/0-'"},
+                                                        {"Bar/1,Foo/0,5x", "'5x' in 'Foo/0,5x'"},
+                                                        {"Foo/", "'Foo/'"},
+                                                        {"/3", "'/3'"}};
+   for (const auto& [setting, named] : cases) {
       try {
-         Trace::levelsFor(c.setting, "Foo");
-         ADD_FAILURE() << "setting '" << c.setting << "' was accepted";
+         Trace::levelsFor(setting, "Foo");
+         ADD_FAILURE() << "setting '" << setting << "' was accepted";
       } catch (const std::invalid_argument& e) {
-         EXPECT_THAT(e.what(), HasSubstr(c.named)) << "setting '" << c.setting << "'";
+         EXPECT_THAT(e.what(), HasSubstr(named)) << "setting '" << setting << "'";
       }
    }
-}
-
-// Verify that a rejected setting leaves the handles' levels as they were.
-TEST(TraceTest, BadSettingChangesNothing) {
    TraceCapture capture("TraceTest::Keep/3");
    TraceHandle& h = traceHandle("TraceTest::Keep");
-   EXPECT_EQ(h.levels(), bit(3));
    EXPECT_THROW(Trace::configure("TraceTest::Keep/0,Other/12"), std::invalid_argument);
    EXPECT_EQ(h.levels(), bit(3));
 }
@@ -108,12 +96,9 @@ TEST(TraceTest, CaptureRecordsOnlyEnabledLevels) {
    ASSERT_EQ(capture.lines().size(), 1u) << capture.text();
    EXPECT_EQ(capture.lines()[0].handle, "TraceTest::Capture");
    EXPECT_EQ(capture.lines()[0].level, 1);
-   EXPECT_EQ(capture.lines()[0].text, "on 1 counted");
+   EXPECT_EQ(capture.text(), "on 1 counted\n");
    EXPECT_EQ(capture.count("on"), 1u);
    EXPECT_FALSE(capture.contains("off"));
-   EXPECT_EQ(capture.text(), "on 1 counted\n");
-   capture.clear();
-   EXPECT_TRUE(capture.lines().empty());
 }
 
 // Verify that captures nest and that each one's end restores the previous setting and
@@ -140,7 +125,6 @@ TEST(TraceTest, HandlesTakeTheCurrentSetting) {
    TraceHandle& late = traceHandle("TraceTest::LateCreated");
    EXPECT_EQ(late.levels(), bit(6));
    EXPECT_EQ(&traceHandle("TraceTest::LateCreated"), &late);
-   EXPECT_EQ(late.name(), "TraceTest::LateCreated");
 }
 
 // Verify the file sink's line format, and that an unusable path is named in the error
@@ -152,48 +136,24 @@ TEST(TraceTest, FileSinkWritesNameLevelAndText) {
    TraceHandle& h = traceHandle("TraceTest::File");
    Trace::sinkFileIs(path);
    h.write(2, "to the file");
-   EXPECT_THROW(
-       {
-          try {
-             Trace::sinkFileIs("/nonexistent-dir/trace.log");
-          } catch (const std::runtime_error& e) {
-             EXPECT_THAT(e.what(), HasSubstr("/nonexistent-dir/trace.log"));
-             throw;
-          }
-       },
-       std::runtime_error);
+   try {
+      Trace::sinkFileIs("/nonexistent-dir/trace.log");
+      ADD_FAILURE() << "an unusable path was accepted";
+   } catch (const std::runtime_error& e) {
+      EXPECT_THAT(e.what(), HasSubstr("/nonexistent-dir/trace.log"));
+   }
    h.write(3, "still the file");
    Trace::sinkFileIs("");
 
    std::ifstream in(path);
-   std::stringstream text;
-   text << in.rdbuf();
-   EXPECT_EQ(text.str(), "TraceTest::File/2: to the file\nTraceTest::File/3: still the file\n");
+   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}),
+             "TraceTest::File/2: to the file\nTraceTest::File/3: still the file\n");
    std::remove(path.c_str());
 }
 
-class KestrelTest : public ::testing::Test {
- protected:
-   void SetUp() override { Kestrel::clear(); }
-   void TearDown() override { Kestrel::clear(); }
-};
-
-// Verify that records come back oldest first with consecutive sequence numbers.
-TEST_F(KestrelTest, RecordsInOrder) {
-   Kestrel::record("TypeA", "insert");
-   Kestrel::record("TypeB", "erase");
-   Kestrel::record("TypeA", "resolve");
-   auto records = Kestrel::snapshot();
-   ASSERT_EQ(records.size(), 3u);
-   EXPECT_STREQ(records[0].typeName, "TypeA");
-   EXPECT_STREQ(records[0].operation, "insert");
-   EXPECT_STREQ(records[1].operation, "erase");
-   EXPECT_STREQ(records[2].operation, "resolve");
-   for (std::size_t i = 0; i < records.size(); ++i) EXPECT_EQ(records[i].sequence, i);
-}
-
 // Verify that a full ring keeps exactly the newest kRingSize records, still in order.
-TEST_F(KestrelTest, WrapKeepsNewest) {
+TEST(KestrelTest, WrapKeepsNewest) {
+   Kestrel::clear();
    constexpr std::size_t kExtra = 10;
    for (std::size_t i = 0; i < Kestrel::kRingSize + kExtra; ++i) {
       Kestrel::record("Type", i % 2 ? "odd" : "even");
@@ -204,12 +164,11 @@ TEST_F(KestrelTest, WrapKeepsNewest) {
       ASSERT_EQ(records[i].sequence, i + kExtra) << "record #" << i;
       ASSERT_STREQ(records[i].operation, (i + kExtra) % 2 ? "odd" : "even") << "record #" << i;
    }
-   Kestrel::clear();
-   EXPECT_TRUE(Kestrel::snapshot().empty());
 }
 
-// Verify the dump text: one "sequence type operation" line per record.
-TEST_F(KestrelTest, DumpText) {
+// Verify the dump text: one "sequence type operation" line per record, oldest first.
+TEST(KestrelTest, DumpTextOldestFirst) {
+   Kestrel::clear();
    Kestrel::record("VelmarMcast::MmuReplListTable", "commit");
    Kestrel::record("SwTableStat", "sync");
    std::FILE* f = std::tmpfile();

@@ -17,8 +17,10 @@ namespace {
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::ThrowsMessage;
 using Entry = std::array<std::uint32_t, 2>;
 using WriteContext = Asic::WriteResponseSm::WriteContext;
+using Counters = SimHwTable::Counters;
 
 // Records every completion the write-response SM hands it.
 class RecordingHandle : public Asic::SwTableBase::EntryHandle {
@@ -37,8 +39,9 @@ class SimHwTableTest : public ::testing::Test {
       EXPECT_TRUE(hw_->entryRead(index, out)) << "entry " << index << " is not valid";
       return out;
    }
-   void writeFor(RecordingHandle& eh, Asic::Index index, const Entry& words) {
-      WriteContext ctx(sm_.get(), &eh);
+   void writeFor(RecordingHandle& eh, Asic::Index index, const Entry& words,
+                 Asic::WriteResponseSm* sm = nullptr) {
+      WriteContext ctx(sm ? sm : sm_.get(), &eh);
       hw_->entryWrite(index, words);
    }
 
@@ -51,36 +54,33 @@ class SimHwTableTest : public ::testing::Test {
    const Entry b_{0x33, 0x44};
 };
 
-// Verify that a write is readable at once, before any completion, and that read-back of
-// all entries lists exactly the valid ones.
-TEST_F(SimHwTableTest, WriteIsReadableAtOnce) {
+// Verify that a write is readable at once, before any completion; that read-back of all
+// entries lists exactly the valid ones; that a delete invalidates the entry and completes
+// like a write; and that the counters count each operation and reset to zero.
+TEST_F(SimHwTableTest, WritesAndClearsReachTheMemoryAtOnce) {
    hw_->entryWrite(5, a_);
-   hw_->entryWrite(9, b_);
+   EXPECT_EQ(loop_.pending(), 0u) << "a write outside a context posts no completion";
+   writeFor(*eh_, 9, b_);
    EXPECT_EQ(read(5), a_);
    EXPECT_EQ(read(9), b_);
    Entry out{};
    EXPECT_FALSE(hw_->entryRead(6, out));
-
    std::vector<Asic::Index> listed;
    hw_->forEachValidEntry([&](Asic::Index i, Asic::HwTable::Words) { listed.push_back(i); });
    EXPECT_EQ(listed, (std::vector<Asic::Index>{5, 9}));
-   EXPECT_EQ(loop_.pending(), 0u) << "a write outside a context posts no completion";
-   EXPECT_EQ(hw_->counters().writes, 2u);
-}
 
-// Verify that a delete invalidates the entry and completes like a write.
-TEST_F(SimHwTableTest, ClearInvalidatesAndCompletes) {
-   hw_->entryWrite(5, a_);
+   loop_.runUntilIdle();
    {
       WriteContext ctx(sm_.get(), eh_.get());
-      hw_->entryClear(5);
+      hw_->entryClear(9);
    }
-   Entry out{};
-   EXPECT_FALSE(hw_->entryRead(5, out));
-   EXPECT_EQ(chip_.table("ING_TEST").memory().validEntries(), 0u);
+   EXPECT_FALSE(hw_->entryRead(9, out));
+   EXPECT_EQ(chip_.table("ING_TEST").memory().validEntries(), 1u);
    loop_.runUntilIdle();
-   EXPECT_THAT(eh_->completions, ElementsAre(true));
-   EXPECT_EQ(hw_->counters().clears, 1u);
+   EXPECT_THAT(eh_->completions, ElementsAre(true, true));
+   EXPECT_EQ(hw_->counters(), (Counters{.writes = 2, .clears = 1, .completionsDelivered = 2}));
+   hw_->countersReset();
+   EXPECT_EQ(hw_->counters(), Counters{});
 }
 
 // Verify that bad indices and widths are refused, naming table and index, with no
@@ -88,57 +88,38 @@ TEST_F(SimHwTableTest, ClearInvalidatesAndCompletes) {
 TEST_F(SimHwTableTest, RejectsBadIndexAndWidth) {
    hw_->entryWrite(1, a_);
    hw_->countersReset();
-   try {
-      WriteContext ctx(sm_.get(), eh_.get());
-      hw_->entryWrite(16, b_);
-      FAIL() << "index 16 of 16 entries was accepted";
-   } catch (const std::out_of_range& e) {
-      EXPECT_THAT(e.what(), AllOf(HasSubstr("ING_TEST"), HasSubstr("index 16")));
-   }
+   const auto index16 =
+       ThrowsMessage<std::out_of_range>(AllOf(HasSubstr("ING_TEST"), HasSubstr("index 16")));
+   EXPECT_THAT([&] { writeFor(*eh_, 16, b_); }, index16);
    const std::array<std::uint32_t, 3> wide{1, 2, 3};
-   try {
-      hw_->entryWrite(1, wide);
-      FAIL() << "a 3-word entry was accepted";
-   } catch (const std::invalid_argument& e) {
-      EXPECT_THAT(e.what(), AllOf(HasSubstr("ING_TEST"), HasSubstr("3 words")));
-   }
+   EXPECT_THAT(
+       [&] { hw_->entryWrite(1, wide); },
+       ThrowsMessage<std::invalid_argument>(AllOf(HasSubstr("ING_TEST"), HasSubstr("3 words"))));
    EXPECT_THROW(hw_->entryClear(99), std::out_of_range);
    Entry out{};
-   try {
-      hw_->entryRead(16, out);
-      FAIL() << "a read of index 16 was accepted";
-   } catch (const std::out_of_range& e) {
-      EXPECT_THAT(e.what(), AllOf(HasSubstr("ING_TEST"), HasSubstr("index 16")));
-   }
+   EXPECT_THAT([&] { hw_->entryRead(16, out); }, index16);
    std::array<std::uint32_t, 1> narrow{};
    EXPECT_THROW(hw_->entryRead(1, narrow), std::invalid_argument);
 
    EXPECT_EQ(read(1), a_);
-   EXPECT_EQ(hw_->counters(), SimHwTable::Counters{});
+   EXPECT_EQ(hw_->counters(), Counters{});
    EXPECT_EQ(loop_.pending(), 0u);
    EXPECT_EQ(sm_->outstandingWrites(), 0u) << "a refused write must not stay outstanding";
 }
 
-// Verify that a completion reaches the handle only when the loop runs, on the next turn.
-TEST_F(SimHwTableTest, CompletionArrivesThroughTheLoop) {
-   writeFor(*eh_, 3, a_);
-   EXPECT_TRUE(eh_->completions.empty());
-   EXPECT_EQ(sm_->outstandingWrites(eh_.get()), 1u);
-   EXPECT_EQ(loop_.runOnce(), 1u);
-   EXPECT_THAT(eh_->completions, ElementsAre(true));
-   EXPECT_EQ(sm_->outstandingWrites(), 0u);
-   EXPECT_EQ(hw_->counters().completionsDelivered, 1u);
-}
-
-// Verify that all writes of one context give the handle one completion.
-TEST_F(SimHwTableTest, TwoWritesInOneContextCompleteOnce) {
+// Verify that a completion reaches the handle only when the loop runs, on the next turn, and
+// that all writes of one context give the handle one completion.
+TEST_F(SimHwTableTest, CompletionArrivesThroughTheLoopOncePerContext) {
    {
       WriteContext ctx(sm_.get(), eh_.get());
       hw_->entryWrite(3, a_);
       hw_->entryWrite(4, b_);
    }
-   loop_.runUntilIdle();
+   EXPECT_TRUE(eh_->completions.empty());
+   EXPECT_EQ(sm_->outstandingWrites(eh_.get()), 2u);
+   EXPECT_EQ(loop_.runOnce(), 2u);
    EXPECT_THAT(eh_->completions, ElementsAre(true));
+   EXPECT_EQ(sm_->outstandingWrites(), 0u);
    EXPECT_EQ(hw_->counters().completionsDelivered, 2u);
 }
 
@@ -159,9 +140,8 @@ TEST_F(SimHwTableTest, FailedWriteKeepsMemoryAndReportsFailure) {
    loop_.runUntilIdle();
    EXPECT_EQ(read(2), b_);
    EXPECT_THAT(eh_->completions, ElementsAre(false, true));
-   EXPECT_EQ(hw_->counters().writes, 4u);
-   EXPECT_EQ(hw_->counters().failedWrites, 1u);
-   EXPECT_EQ(hw_->counters().completionsDelivered, 3u);
+   EXPECT_EQ(hw_->counters(),
+             (Counters{.writes = 4, .failedWrites = 1, .completionsDelivered = 3}));
 }
 
 // Verify that a held-back completion arrives exactly `turns` loop turns later than an
@@ -200,23 +180,17 @@ TEST_F(SimHwTableTest, CompletionForAnUnboundSmIsDropped) {
    auto newSm = Asic::makePtr<Asic::WriteResponseSm>();
    auto newEh = Asic::makePtr<RecordingHandle>();
    hw_->writeResponseSmIs(oldSm.get());
-   {
-      WriteContext ctx(oldSm.get(), eh_.get());
-      hw_->entryWrite(1, a_);
-   }
+   writeFor(*eh_, 1, a_, oldSm.get());
    hw_->writeResponseSmIs(newSm.get());
    hw_->completionsHeldIs(1, 2);
-   {
-      WriteContext ctx(newSm.get(), newEh.get());
-      hw_->entryWrite(2, b_);  // gets the same ticket number in the new SM
-   }
+   writeFor(*newEh, 2, b_, newSm.get());  // gets the same ticket number in the new SM
    loop_.runOnce();
    EXPECT_TRUE(newEh->completions.empty()) << "the old SM's response completed a stranger";
    loop_.runUntilIdle();
    EXPECT_THAT(newEh->completions, ElementsAre(true));
    EXPECT_TRUE(eh_->completions.empty());
-   EXPECT_EQ(hw_->counters().completionsDropped, 2u);
-   EXPECT_EQ(hw_->counters().completionsDelivered, 1u);
+   EXPECT_EQ(hw_->counters(),
+             (Counters{.writes = 3, .completionsDelivered = 1, .completionsDropped = 2}));
 }
 
 // Verify that queued completions keep the chip's table alive after the chip and every
@@ -240,20 +214,6 @@ TEST(SimHwTableLifetimeTest, QueuedCompletionOutlivesChip) {
    hw.reset();  // the queued completion is now the table's only owner
    EXPECT_EQ(loop.runUntilIdle(), 1u);
    EXPECT_TRUE(eh->completions.empty());
-}
-
-// Verify that counters count operations and reset to zero.
-TEST_F(SimHwTableTest, CountersReset) {
-   writeFor(*eh_, 1, a_);
-   hw_->entryClear(1);
-   loop_.runUntilIdle();
-   EXPECT_EQ(hw_->counters(), (SimHwTable::Counters{.writes = 1,
-                                                    .failedWrites = 0,
-                                                    .clears = 1,
-                                                    .completionsDelivered = 1,
-                                                    .completionsDropped = 0}));
-   hw_->countersReset();
-   EXPECT_EQ(hw_->counters(), SimHwTable::Counters{});
 }
 
 }  // namespace
