@@ -308,7 +308,12 @@ std::vector<Asic::Index> chainHeads(const Asic::HwTable& hw) {
    std::vector<Asic::Index> valid;
    std::vector<Asic::Index> named;
    hw.forEachValidEntry([&](Asic::Index index, Asic::HwTable::Words words) {
-      const auto entry = decodeAt<F>(index, words);
+      typename F::HwEntry entry;
+      try {
+         entry = F::decode(words);
+      } catch (const std::invalid_argument&) {
+         return;  // words no entry could have: neither a head nor a link
+      }
       valid.push_back(index);
       if (!entry.last && entry.next != index) named.push_back(entry.next);
    });

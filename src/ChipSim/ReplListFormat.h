@@ -107,8 +107,8 @@ concept ChainedFormat = requires(std::span<const std::uint32_t> words, typename 
 };
 
 // The walks below throw std::invalid_argument when the table's entries are not of the
-// format's width, and std::runtime_error naming the index at fault when an entry on the way
-// cannot be decoded.
+// format's width; chainAt and nextIndex throw std::runtime_error naming the index at fault
+// when an entry on the way cannot be decoded.
 
 // The list's indices in chain order, starting at `first`. Throws std::runtime_error naming
 // the index when the chain reaches an entry that is not valid, leaves the table, or loops.
@@ -117,7 +117,8 @@ std::vector<Asic::Index> chainAt(const Asic::HwTable& hw, Asic::Index first);
 
 // Valid entries that no other valid entry names as its (non-last) next, ascending. An entry
 // that names itself is a head, so that its walk reports the loop instead of the list going
-// unseen.
+// unseen. Words that no entry could have are passed over: they head nothing and name
+// nothing, so a restart finds every intact list around them.
 template <ChainedFormat F>
 std::vector<Asic::Index> chainHeads(const Asic::HwTable& hw);
 

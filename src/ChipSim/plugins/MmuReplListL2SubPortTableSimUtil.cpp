@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include "Asic/Trace.h"
 #include "ChipSim/plugins/SimUtilCommon.h"
 
 namespace ChipSim {
@@ -58,7 +59,13 @@ bool MmuReplListL2SubPortTableSimUtil::compareHwEntries(Table& table, Asic::Inde
 void MmuReplListL2SubPortTableSimUtil::syncEntries(Asic::HwTable* hwTable, Table& table) {
    if (!hwTable) return;
    hwTable->forEachValidEntry([&table](Asic::Index index, Asic::HwTable::Words words) {
-      table.syncedEntryIs(index, entryFromHw(L2SubPortFormat::decode(words)));
+      try {
+         table.syncedEntryIs(index, entryFromHw(L2SubPortFormat::decode(words)));
+      } catch (const std::invalid_argument& e) {
+         // Words no entry could have are no entry: left for a later write to overwrite.
+         ASIC_TRACE(Asic::traceHandle(Table::kTypeName), 0,
+                    "{} : syncEntries: skipping index {}: {}", Table::kTypeName, index, e.what());
+      }
    });
 }
 

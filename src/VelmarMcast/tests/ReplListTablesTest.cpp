@@ -323,6 +323,18 @@ TEST_F(ReplListTablesTest, SuggestionForAListStillWaitingIsPassedToItsEgressObje
    EXPECT_EQ(listHw_->counters().clears, 0u);
 }
 
+TEST_F(ReplListTablesTest, SyncSkipsWordsNoEntryCouldHold) {
+   ReplListFormat::Words badKind{};
+   badKind[0] = 3;  // kind 3 is not an entry kind
+   listHw_->entryWrite(5, badKind);
+   L2SubPortFormat::Words strayBit{};
+   strayBit[0] = 1u << 31;  // outside every field
+   l2Hw_->entryWrite(6, strayBit);
+   ASSERT_NO_FATAL_FAILURE(restart());
+   EXPECT_TRUE(lists_->syncedEntries().empty());
+   EXPECT_TRUE(l2_->syncedEntries().empty());
+}
+
 TEST_F(ReplListTablesTest, SuggestionWithOtherContentsIsTakenOnlyAtInitComplete) {
    // Verify that a suggested list whose entries differ is not adopted during the replay,
    // and that at the end of the replay the held-back list takes it over in place (one
