@@ -115,6 +115,13 @@ class ReplListTablesTest : public ::testing::Test {
    std::map<Asic::Index, Asic::Ptr<VelmarMcastTestEntryHandle>> egress_;
 };
 
+TEST(ReplListTablesPlugInTest, FactoryTablesGetTheirUtilsFromThePlugInLoader) {
+   auto lists = mmuReplListTableFactory();
+   auto l2 = mmuReplListL2SubPortTableFactory();
+   EXPECT_NE(dynamic_cast<ChipSim::MmuReplListTableSimUtil*>(lists->utilIfExists()), nullptr);
+   EXPECT_NE(dynamic_cast<ChipSim::MmuReplListL2SubPortTableSimUtil*>(l2->utilIfExists()), nullptr);
+}
+
 TEST_F(ReplListTablesTest, BothTablesDrawFromOneAllocatorThatNeverHandsOutIndexZero) {
    ASSERT_EQ(lists_->indexAllocator(), l2_->indexAllocator());
    EXPECT_EQ(alloc().allocatorTypeName(), MmuReplListSharedAllocator::kTypeName);
