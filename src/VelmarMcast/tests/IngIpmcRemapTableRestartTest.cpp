@@ -27,19 +27,6 @@ constexpr char kTraceSetting[] = "VelmarMcast::*/0-9,SwTableStat/0";
 
 const Asic::TypeDescriptor& keyType() { return Asic::vixType<Key>(); }
 
-// What an assertion inside `fn` reports; "no assertion" as expression when there is none.
-template <typename F>
-Asic::AssertionInfo assertionOf(F&& fn) {
-   try {
-      fn();
-   } catch (const Asic::AssertionError& e) {
-      return e.info();
-   }
-   Asic::AssertionInfo none;
-   none.expression = "no assertion";
-   return none;
-}
-
 // The L3 multicast lookup that owns IPMC indices, reduced to what a restart needs of it: an
 // index per group on a cold start, kept in its own hardware across a restart, recovered into
 // the shared allocator afterwards. Its address is its user identity in the allocator.

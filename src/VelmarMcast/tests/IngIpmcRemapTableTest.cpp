@@ -15,19 +15,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-// What an assertion inside `fn` reports; "no assertion" as expression when there is none.
-template <typename F>
-Asic::AssertionInfo assertionOf(F&& fn) {
-   try {
-      fn();
-   } catch (const Asic::AssertionError& e) {
-      return e.info();
-   }
-   Asic::AssertionInfo none;
-   none.expression = "no assertion";
-   return none;
-}
-
 class RemapCommitTest : public RemapTableFixture {};
 
 TEST_F(RemapCommitTest, ReadyNeededHandleIsWrittenAtOnceAndCompletesWithTheWriteResponse) {

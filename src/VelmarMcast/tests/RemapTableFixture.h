@@ -25,6 +25,19 @@ inline constexpr char kRemapMemory[] = "ING_IPMC_REMAP";
 
 inline Key groupKey(std::uint32_t n) { return Key{0xEF000000u + n, 0}; }
 
+// What an assertion inside `fn` reports; "no assertion" as expression when there is none.
+template <typename F>
+Asic::AssertionInfo assertionOf(F&& fn) {
+   try {
+      fn();
+   } catch (const Asic::AssertionError& e) {
+      return e.info();
+   }
+   Asic::AssertionInfo none;
+   none.expression = "no assertion";
+   return none;
+}
+
 // Records every state a client's write-response function is called with.
 struct CallbackLog {
    std::vector<State> states;
