@@ -100,6 +100,7 @@ void BM_RemapWarmRestart(benchmark::State& state) {
       cold += nsSince(start);
 
       // Restart: every software object goes; the chip stays.
+      table->detachFromChip();
       table->cleanup();
       table.reset();
       if (Asic::GenericIndexAllocatorStub::sharedAllocator(

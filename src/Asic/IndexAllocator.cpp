@@ -629,6 +629,12 @@ bool GenericIndexAllocator::isIndexVerticallyShared(Index index,
    return record && record->users.size() > 1;
 }
 
+bool GenericIndexAllocator::isIndexUsedBy(Index index, const TypeDescriptor& keyType,
+                                          const void* table) const {
+   const KeyRecord* record = impl_->ownerOf(index, keyType);
+   return record && record->users.contains(impl_->userOf(table));
+}
+
 // Reserved indices stay reserved: a stale purge must not put index 0 (or any other
 // reserved range) back into circulation.
 void GenericIndexAllocator::markIndexAvailable(Index index, const TypeDescriptor&) {

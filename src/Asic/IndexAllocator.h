@@ -88,6 +88,8 @@ class GenericIndexAllocator : public RefCounted {
    bool isIndexAssigned(Index index, const TypeDescriptor& keyType) const;
    // The index's key is used by more than one table.
    bool isIndexVerticallyShared(Index index, const TypeDescriptor& keyType) const;
+   // The index's key counts `table` among its users (null: the allocator's own table).
+   bool isIndexUsedBy(Index index, const TypeDescriptor& keyType, const void* table) const;
    // Returns the index to the free pool whoever owned it (stale purge). The owning key loses
    // that index; a key left without indices is forgotten. A reserved index stays reserved.
    void markIndexAvailable(Index index, const TypeDescriptor& keyType);

@@ -32,7 +32,7 @@ class RefCounted {
       ~Pin() {
          std::uint32_t left = obj_->decrement();
          if (left == 0) {
-            delete obj_;
+            destroy(obj_);
          } else if (left == 1 && pinnedAt_ > 1) {
             const_cast<RefCounted*>(obj_)->lastUserGone();
          }
@@ -48,7 +48,7 @@ class RefCounted {
    // Drops one count without running lastUserGone(): for an owner that lets go of an object
    // it has already detached, so that no clean-up starts for a key that is gone.
    static void releaseQuietly(const RefCounted* p) noexcept {
-      if (p && p->decrement() == 0) delete p;
+      if (p && p->decrement() == 0) destroy(p);
    }
 
    friend void intrusive_ptr_add_ref(const RefCounted* p) noexcept { p->addRef(); }
@@ -59,6 +59,10 @@ class RefCounted {
    // Runs when the count falls to one: the last owner (for entry handles, the table's own
    // collection) is all that is left. Entry handles start their clean-up here.
    virtual void lastUserGone() {}
+   // Runs when the last count is gone, while the whole object still exists (a destructor
+   // can no longer reach the most derived part): tables tear their entries down here. The
+   // object is kept alive for the call; it is deleted after it unless it was taken again.
+   virtual void lastReferenceGone() {}
 
  private:
    void addRef() const noexcept {
@@ -78,10 +82,16 @@ class RefCounted {
    void release() const {
       std::uint32_t left = decrement();
       if (left == 0) {
-         delete this;
+         destroy(this);
       } else if (left == 1) {
          const_cast<RefCounted*>(this)->lastUserGone();
       }
+   }
+
+   static void destroy(const RefCounted* p) {
+      p->addRef();
+      const_cast<RefCounted*>(p)->lastReferenceGone();
+      if (p->decrement() == 0) delete p;
    }
 
    mutable std::uint32_t refCount_ = 0;

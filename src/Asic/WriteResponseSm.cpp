@@ -4,50 +4,83 @@ namespace Asic {
 
 WriteResponseSm::WriteContext::WriteContext(WriteResponseSm* sm,
                                             SwTableBase::EntryHandle* eh) noexcept
-    : sm_(sm), previous_(sm ? sm->context_ : nullptr) {
-   if (sm_) sm_->context_ = eh;
+    : sm_(sm),
+      previous_(sm ? sm->context_ : nullptr),
+      previousStarted_(sm ? sm->contextStarted_ : false) {
+   if (!sm_) return;
+   sm_->context_ = eh;
+   sm_->contextStarted_ = false;
 }
 
 WriteResponseSm::WriteContext::~WriteContext() {
-   if (sm_) sm_->context_ = previous_;
+   if (!sm_) return;
+   sm_->context_ = previous_;
+   sm_->contextStarted_ = previousStarted_;
 }
 
 WriteResponseSm::Ticket WriteResponseSm::writeIssued() {
    if (!context_) return kNoTicket;
+   Outstanding& out = perHandle_[context_];
+   if (!contextStarted_) {
+      // A new programming of the handle: whatever is still outstanding is superseded.
+      contextStarted_ = true;
+      ++out.programming;
+      out.superseded += out.writes;
+      out.writes = 0;
+      out.failed = false;
+   }
+   ++out.writes;
    Ticket t = nextTicket_++;
-   tickets_.emplace(t, Ptr<SwTableBase::EntryHandle>(context_));
-   ++perHandle_[context_].writes;
+   tickets_.emplace(t, Issued{Ptr<SwTableBase::EntryHandle>(context_), out.programming});
    return t;
 }
 
 std::size_t WriteResponseSm::outstandingWrites(const SwTableBase::EntryHandle* eh) const {
    auto it = perHandle_.find(eh);
-   return it == perHandle_.end() ? 0 : it->second.writes;
+   return it == perHandle_.end() ? 0 : it->second.writes + it->second.superseded;
+}
+
+void WriteResponseSm::forgetIfDone(const SwTableBase::EntryHandle* eh, const Outstanding& out) {
+   if (out.writes == 0 && out.superseded == 0) perHandle_.erase(eh);
 }
 
 void WriteResponseSm::writeCompleted(Ticket ticket, bool ok) {
    auto it = tickets_.find(ticket);
    if (it == tickets_.end()) return;  // not ours, or already reported
-   Ptr<SwTableBase::EntryHandle> eh = std::move(it->second);
+   Issued issued = std::move(it->second);
    tickets_.erase(it);
-   auto& out = perHandle_[eh.get()];
+   SwTableBase::EntryHandle* eh = issued.eh.get();
+   auto found = perHandle_.find(eh);
+   if (found == perHandle_.end()) return;
+   Outstanding& out = found->second;
+   if (issued.programming != out.programming) {
+      --out.superseded;
+      forgetIfDone(eh, out);
+      return;
+   }
    out.failed |= !ok;
    if (--out.writes != 0) return;  // one response covers all writes of one programming
-   bool failed = out.failed;
-   perHandle_.erase(eh.get());
-   eh->hwWriteCompleted(!failed);
+   const bool failed = out.failed;
+   out.failed = false;
+   forgetIfDone(eh, out);
+   eh->hwWriteCompleted(!failed);  // `issued` keeps the handle alive for the call
 }
 
 void WriteResponseSm::writeWithdrawn(Ticket ticket) {
    auto it = tickets_.find(ticket);
    if (it == tickets_.end()) return;
-   const SwTableBase::EntryHandle* eh = it->second.get();
-   auto out = perHandle_.find(eh);
-   if (out != perHandle_.end()) {
-      out->second.failed = true;
-      if (--out->second.writes == 0) perHandle_.erase(out);
+   Issued issued = std::move(it->second);
+   tickets_.erase(it);
+   auto found = perHandle_.find(issued.eh.get());
+   if (found == perHandle_.end()) return;
+   Outstanding& out = found->second;
+   if (issued.programming != out.programming) {
+      --out.superseded;
+   } else {
+      out.failed = true;
+      --out.writes;
    }
-   tickets_.erase(it);  // last: may release the handle
-}
+   forgetIfDone(issued.eh.get(), out);
+}  // `issued` goes last: it may hold the last count of the handle
 
 }  // namespace Asic

@@ -1,8 +1,10 @@
 #pragma once
 // Follows a table's hardware writes to completion. The engine opens a write context for
-// the handle whose value it writes; every hardware write issued inside the context counts
-// as outstanding for that handle. The hardware layer reports each completion (through the
-// event loop); when a handle's last outstanding write completes, the handle is told.
+// the handle whose value it writes; the hardware writes issued inside one context are one
+// programming of that handle. The hardware layer reports each completion (through the
+// event loop); when the last write of a handle's newest programming completes, the handle
+// is told whether all of them succeeded. The responses of a programming that a newer one
+// superseded are absorbed: the chip holds the newer value, whatever became of the older.
 
 #include <cstdint>
 
@@ -31,6 +33,7 @@ class WriteResponseSm : public RefCounted {
     private:
       WriteResponseSm* sm_;
       SwTableBase::EntryHandle* previous_;
+      bool previousStarted_;
    };
 
    // Hardware layer: a write is being issued. Returns kNoTicket outside a write context.
@@ -47,13 +50,23 @@ class WriteResponseSm : public RefCounted {
 
  private:
    struct Outstanding {
-      std::uint32_t writes = 0;
-      bool failed = false;
+      std::uint64_t programming = 0;  // the newest programming's number
+      std::uint32_t writes = 0;       // of the newest programming
+      std::uint32_t superseded = 0;   // of older programmings, absorbed when they complete
+      bool failed = false;            // some write of the newest programming failed
    };
+   struct Issued {
+      Ptr<SwTableBase::EntryHandle> eh;
+      std::uint64_t programming;
+   };
+   // Drops the handle's record once nothing of it is outstanding.
+   void forgetIfDone(const SwTableBase::EntryHandle* eh, const Outstanding& out);
+
    const void* swTable_;  // not owned
    SwTableBase::EntryHandle* context_ = nullptr;
+   bool contextStarted_ = false;  // the open context has issued a write (a programming began)
    Ticket nextTicket_ = 1;
-   absl::flat_hash_map<Ticket, Ptr<SwTableBase::EntryHandle>> tickets_;
+   absl::flat_hash_map<Ticket, Issued> tickets_;
    absl::flat_hash_map<const SwTableBase::EntryHandle*, Outstanding> perHandle_;
 };
 

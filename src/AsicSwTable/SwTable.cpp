@@ -128,6 +128,12 @@ void SwTable::UnresolvedEntry::neededEntryHandleSmDelAll() noexcept {
    outstanding_ = 0;
 }
 
+bool SwTable::UnresolvedEntry::neededEntryHandleFailed() const {
+   return std::any_of(needed_.begin(), needed_.end(), [](const Needed& n) {
+      return SwTableBase::EntryHandle::isFailed(n.eh->entryState());
+   });
+}
+
 void SwTable::UnresolvedEntry::markFailedNeededEntry() {
    state_ = EntryState::failedNeededEntry;
    doFailedNeededEntry();

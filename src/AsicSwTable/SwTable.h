@@ -228,6 +228,8 @@ class SwTable::UnresolvedEntry : public RefCounted, public SwTableBase::EntryHan
    // Number of needed handles still outstanding.
    std::uint32_t neededEntryHandleSms() const noexcept { return outstanding_; }
    std::size_t neededEntryHandles() const noexcept { return needed_.size(); }
+   // Some needed handle is in a failed state.
+   bool neededEntryHandleFailed() const;
    void neededEntryHandleSmDelAll() noexcept;
 
    EntryState state() const noexcept { return state_; }

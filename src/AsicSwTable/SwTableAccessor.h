@@ -282,6 +282,12 @@ class SwTable::Accessor {
       if (const EntryHandle* eh = swTable_->entryHandle(ue->key())) {
          if (auto* helper = swTable_->indexHelper(eh)) helper->indexDelAll();
       }
+      // A needed entry that has failed already will not tell again: report it now. The value
+      // still resolves if that entry is programmed later.
+      if (ue->neededEntryHandleFailed()) {
+         ue->markFailedNeededEntry();
+         return;
+      }
       if (ue->neededEntryHandleSms() == 0) doResolve(ue);
    }
 
@@ -361,6 +367,11 @@ class SwTable::Accessor {
          if (isExhausted(hwIndex)) {
             ASIC_ASSERT_TEXT(entryState != State::indexReconciled,
                              "entryState != indexReconciled()", "");
+            // No write and so no response will come: without write responses that is the end.
+            if (eh && hasValue && !swTable_->hwResponseNeeded() &&
+                !Detail::publishEntryHandleProgrammedState()) {
+               eh->resolvedEntryStateIs(State::programFailed);
+            }
          } else {
             swTable_->reconciledIndexIs(entryState == State::indexReconciled);
             SWT_TRACE(8, "hwTableEntryIs", " : key: {}", key);
@@ -395,7 +406,9 @@ class SwTable::Accessor {
             if (mode == 0) op = IndexUserTracker::taken;
             if (mode == 1) op = IndexUserTracker::takenAgain;
          } else {
-            ASIC_ASSERT_TEXT(mode == 2, "false", "");
+            // A withdrawn value of a key that holds an index: its use ends, also when its last
+            // write failed (mode 0). Only a key that never took an index gets no report, and
+            // it never reaches here.
             op = IndexUserTracker::releasedByDelete;
          }
          if (op) {
@@ -502,7 +515,13 @@ class SwTable::Accessor {
           "");
       const auto& tableFn = swTable_->writeResponseCallback();
       if constexpr (HasWriteResponseFn<Entry>) {
-         const Entry value = entryIfExists(key).value_or(Entry{});
+         // A failed needed entry is the outcome of the value waiting for it, not of the value
+         // that may still be programmed.
+         std::optional<Entry> owner;
+         if (eh->entryState() == State::failedNeededEntry) {
+            if (const auto* ue = swTable_->unresolvedEntry(key)) owner = ue->entry();
+         }
+         const Entry value = owner ? *owner : entryIfExists(key).value_or(Entry{});
          if (value.writeResponseFn && tableFn) raise_callback_exception();
          if (value.writeResponseFn) {
             value.writeResponseFn(eh->entryState());
@@ -609,7 +628,14 @@ class SwTable::Accessor {
             break;
          case State::unresolved:
          case State::failedNeededEntry:
-            ASIC_ASSERT_TEXT(rs == State::success, "resolvedEntryState == success()", "");
+         case State::wontProgram:
+            // A newer value still waiting, a failed dependency or the client's wontProgram owns
+            // the entry state: this response ends the older programming quietly, succeeded or
+            // not (a later programming writes over whatever the chip kept).
+            ASIC_ASSERT_TEXT(rs == State::success || rs == State::programFailed,
+                             "resolvedEntryState == success() || resolvedEntryState == "
+                             "programFailed()",
+                             "");
             break;
          default:
             ASIC_ASSERT_TEXT(false,
@@ -658,31 +684,33 @@ class SwTable::Accessor {
       Util* util = swTable_->utilIfExists();
       if (!util) return;
       util->syncEntries(swTable_->hwTable(), *swTable_);
-      if constexpr (Trait::getBlockSizeDefinedByUser<T>) {
-         // Until the purge, no new entry may be given an index that a stale entry still
-         // occupies: the purge walks each stale entry's indices through the hardware.
-         for (const auto& [hwIndex, entry] : swTable_->syncedEntries()) {
-            for (Index index : syncedHwIndices(*util, hwIndex)) allocator()->holdIndex(index);
-         }
-      }
+      if constexpr (Trait::getBlockSizeDefinedByUser<T>) holdSyncedIndices(*util);
    }
 
-   // The indices of the hardware entry that starts at `hwIndex`, following the hardware's
-   // own links; at most `limit` of them.
-   std::vector<Index> syncedHwIndices(Util& util, Index hwIndex,
-                                      std::uint32_t limit = invalidIndex) const
-       requires(Trait::getBlockSizeDefinedByUser<T>) {
-      std::vector<Index> indices;
-      const std::uint32_t bound = std::min(limit, swTable_->numEntries());
-      for (Index index = hwIndex; !isExhausted(index) && indices.size() < bound;
-           index = util.getNextHwIndex(*swTable_, index)) {
-         if (std::find(indices.begin(), indices.end(), index) != indices.end()) {
-            throw std::runtime_error(fmt::format("{}: hardware entry at {} links back to index {}",
-                                                 T::kTypeName, hwIndex, index));
+   // Until the purge, no new entry may be given an index that a stale entry still occupies:
+   // each record's indices (its hardware links, as far as they lead to indices no earlier
+   // record claimed and nothing else owns) are held, and kept with the record. A record
+   // whose first index cannot be held stands for nothing this table may touch: dropped.
+   void holdSyncedIndices(Util& util) requires(Trait::getBlockSizeDefinedByUser<T>) {
+      GenericIndexAllocator* alloc = allocator();
+      std::vector<Index> unusable;
+      for (const auto& [hwIndex, entry] : swTable_->syncedEntries()) {
+         std::vector<Index> indices;
+         const std::uint32_t bound = swTable_->numEntries();
+         for (Index index = hwIndex; !isExhausted(index) && indices.size() < bound;
+              index = util.getNextHwIndex(*swTable_, index)) {
+            if (!alloc->holdIndex(index)) break;  // a loop, another record's, reserved or owned
+            indices.push_back(index);
          }
-         indices.push_back(index);
+         if (indices.empty()) {
+            SWT_TRACE(0, "syncEntries", ": hwEntry at index:{} is on an index in use; skipped",
+                      hwIndex);
+            unusable.push_back(hwIndex);
+            continue;
+         }
+         swTable_->syncedIndicesIs(hwIndex, std::move(indices));
       }
-      return indices;
+      for (Index index : unusable) swTable_->syncedEntryDel(index);
    }
 
    Status reconcileSyncedEntry(const Key& key) {
@@ -704,30 +732,32 @@ class SwTable::Accessor {
    bool reconcileUsingHwIndex(const Key& key, Index hwIndex,
                               bool compareHw) requires(!Trait::hasRemoteAllocator<T> &&
                                                        Trait::getBlockSizeDefinedByUser<T>) {
-      ASIC_ASSERT_TEXT(allocator()->keyForIndex(hwIndex, keyType()).empty(),
-                       "!allocator->isIndexAssigned( hwIndex, Vix::vixType< EntryKeyT >() )", "");
+      const bool owned = !allocator()->keyForIndex(hwIndex, keyType()).empty();
+      if constexpr (Trait::suggestedIndexMustBeFree<T>) {
+         ASIC_ASSERT_TEXT(
+             !owned, "!allocator->isIndexAssigned( hwIndex, Vix::vixType< EntryKeyT >() )", "");
+      }
+      const std::vector<Index>* indices = swTable_->syncedIndices(hwIndex);
+      // Only a hardware entry that sync found, and holds for this table, can be taken over.
+      if (owned || !indices) {
+         SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} not free", hwIndex);
+         return false;
+      }
       const auto* resolved = swTable_->resolvedEntry(key);
       ASIC_ASSERT_TEXT(resolved && resolved->has_value(), "resolvedEntry", "no resolved entry");
       const Entry& entry = **resolved;
       Util* util = swTable_->utilIfExists();
       if (!util) return false;
       const std::uint32_t blockSize = entry.getBlockSize();
-      const std::vector<Index> indices = syncedHwIndices(*util, hwIndex, blockSize);
       // A hardware entry of another length cannot take this value in place.
-      if (indices.size() != blockSize) {
+      if (indices->size() != blockSize) {
          SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} holds {} entries, key needs {}", hwIndex,
-                   indices.size(), blockSize);
+                   indices->size(), blockSize);
          return false;
-      }
-      for (Index index : indices) {
-         if (!allocator()->isIndexFree(index) && !allocator()->isIndexHeld(index)) {
-            SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} not free", index);
-            return false;
-         }
       }
       if (compareHw && !util->compareHwEntries(*swTable_, hwIndex, entry)) return false;
       const bool recovered =
-          allocator()->recoverIndicesForKey(indices, keyType(), &key, allocatorUser());
+          allocator()->recoverIndicesForKey(*indices, keyType(), &key, allocatorUser());
       ASIC_ASSERT_TEXT(recovered,
                        "swTable_->indexAllocator()->recoverIndicesForKey( hwIndices, vixType< "
                        "EntryKeyT >(), &key )",
@@ -907,15 +937,16 @@ class SwTable::Accessor {
       swTable_->syncedEntryDelAll();
    }
 
-   // Each stale record stands for all the indices of its hardware entry: they are deleted
-   // and freed together.
+   // Each stale record stands for all the indices of its hardware entry, as sync held them:
+   // they are deleted and freed together.
    void handleStaleEntries() requires(
        Trait::isUnknownIndexTable<T>&& Trait::getBlockSizeDefinedByUser<T>) {
       Util* util = swTable_->utilIfExists();
       GenericIndexAllocator* alloc = allocator();
       for (const auto& [hwIndex, entry] : swTable_->syncedEntries()) {
-         const std::vector<Index> indices = syncedHwIndices(*util, hwIndex);
-         for (Index index : indices) {
+         const std::vector<Index>* indices = swTable_->syncedIndices(hwIndex);
+         if (!indices) continue;
+         for (Index index : *indices) {
             ASIC_ASSERT_TEXT(!alloc->isIndexAssigned(index, keyType()),
                              "!allocator->isIndexAssigned( hwIndex.value(), Vix::vixType< "
                              "EntryKeyT >() )",
@@ -923,15 +954,21 @@ class SwTable::Accessor {
             util->updateHwIndexRefCountTracker(swTable_->hwTable(), index,
                                                IndexUserTracker::released);
          }
-         util->hwTableEntryDel(*swTable_, indices);
+         util->hwTableEntryDel(*swTable_, *indices);
          SWT_TRACE(8, "handleStaleEntries", ": Deleting stale hwEntry at index:{}, size:{}",
-                   hwIndex, indices.size());
+                   hwIndex, indices->size());
          swTable_->updateStatistic(Status::staleEntryDeleted);
          SWT_TRACE(8, "handleStaleEntries", ": Marking index available in allocator");
-         for (Index index : indices) alloc->markIndexAvailable(index, keyType());
+         for (Index index : *indices) {
+            if (alloc->isIndexHeld(index)) alloc->markIndexAvailable(index, keyType());
+         }
       }
    }
 
+   // "Assigned" is owned by a key of this table (one it uses, or one a client holds here and
+   // that will program over the record): an index that only a neighbour sharing the
+   // allocator uses (the IPMC lookup's group) is vertically shared, so the stale entry goes
+   // and the index stays with the neighbour.
    void handleStaleEntries() requires(Trait::isUnknownIndexTable<T> &&
                                       !Trait::getBlockSizeDefinedByUser<T>) {
       Util* util = swTable_->utilIfExists();
@@ -940,7 +977,8 @@ class SwTable::Accessor {
          util->updateHwIndexRefCountTracker(swTable_->hwTable(), hwIndex,
                                             IndexUserTracker::released);
          const bool assigned = alloc->isIndexAssigned(hwIndex, keyType());
-         if (!assigned || alloc->isIndexVerticallyShared(hwIndex, keyType())) {
+         const bool ownedHere = assigned && ownsIndex(*alloc, hwIndex);
+         if (!ownedHere || alloc->isIndexVerticallyShared(hwIndex, keyType())) {
             util->hwTableEntryDel(*swTable_, hwIndex);
             SWT_TRACE(8, "handleStaleEntries", ": Deleting stale hwEntry at index:{}", hwIndex);
             swTable_->updateStatistic(Status::staleEntryDeleted);
@@ -975,8 +1013,10 @@ class SwTable::Accessor {
       for (const Key& key : keys) entryRemove(key);
    }
 
-   // Detaches every handle and forgets every value and the allocator. The hardware is left
-   // as it is, so that a restarted agent finds it (entryRemoveAll is what removes entries).
+   // Takes the table's entries off the chip and lets go of everything: each key's resolved
+   // entry is deleted (hardware entry first, then its index back to the allocator), so that an
+   // allocator shared with a table that lives on keeps nothing for this one. A table detached
+   // from the chip (detachFromChip) leaves the chip as it is, as an exiting agent must.
    void cleanup() {
       SWT_TRACE(6, "cleanup", "");
       std::vector<Ptr<EntryHandle>> handles;
@@ -985,27 +1025,23 @@ class SwTable::Accessor {
       for (const auto& eh : handles) {
          eh->swTableIs(nullptr);
          eh->doAmendReferences();
-         dropCommitCount(eh.get());
       }
       swTable_->unresolvedEntryDelAll();
-      swTable_->resolvedEntryDelAll();
-      swTable_->indexHelperDelAll();
-      if (swTable_->indexAllocator()) {
-         ASIC_TRACE(trace(), 6, "Trying to delete shared allocator for table:{}",
-                    swTable_->tableText());
-         GenericIndexAllocatorStub::freeSharedAllocator(
-             swTable_->indexAllocator()->allocatorTypeName(), T::kTypeName, allocatorUser());
-         swTable_->indexAllocatorIs(nullptr);
-         if (swTable_->utilIfExists() && swTable_->hwTable()) {
-            IndexUserTracker::Stub::deleteTracker(swTable_->hwTable(), swTable_->unit(), false);
-         }
-      }
-      // Handles still held by clients live on, detached; the table lets go of its counts
-      // only after every handle is detached, so no clean-up runs against a half-empty table.
-      swTable_->entryHandleDelAll();
+      std::vector<Key> resolved;
+      resolved.reserve(swTable_->resolvedEntrys());
+      for (const auto& [key, value] : swTable_->resolvedEntries()) resolved.push_back(key);
+      for (const Key& key : resolved) deleteResolvedEntry(key);
+      swTable_->detachAll();
    }
 
  private:
+   bool ownsIndex(const GenericIndexAllocator& alloc, Index hwIndex) const {
+      if (alloc.isIndexUsedBy(hwIndex, keyType(), allocatorUser())) return true;
+      const GenericValue owner = alloc.keyForIndex(hwIndex, keyType());
+      const Key* key = owner.template get<Key>();
+      return key && swTable_->entryHandleHas(*key);
+   }
+
    // The table as the allocator knows it (one pointer for every call).
    const void* allocatorUser() const noexcept { return static_cast<const SwTable*>(swTable_); }
    GenericIndexAllocator* allocator() const {
@@ -1057,7 +1093,17 @@ class SwTable::Accessor {
                    entry);
          Ptr<EntryHandle> eh = expectEntryHandle(key);
          type(eh.get());
-         eh->entryStateRepublish();
+         // A newer value that was committed meanwhile (and is now withdrawn) left the entry
+         // state `unresolved` or `failedNeededEntry`: the key is back where its resolved value
+         // stands, and the client is told so.
+         const State entryState = eh->entryState();
+         const State rs = eh->resolvedEntryState();
+         if ((entryState == State::unresolved || entryState == State::failedNeededEntry) &&
+             rs != State::unresolved) {
+            eh->entryStateIs(rs);
+         } else {
+            eh->entryStateRepublish();
+         }
          return eh;
       }
       if (ref) {
@@ -1235,6 +1281,7 @@ class SwTableImpl : public Base {
    using ResolvedEntryMap =
        absl::flat_hash_map<Key, std::optional<Entry>, SeededHash<Key, 0x85EBCA6Bu>>;
    using SyncedEntryMap = absl::btree_map<Index, Entry>;
+   using SyncedIndicesMap = absl::btree_map<Index, std::vector<Index>>;
    using WriteResponseCallback = std::function<void(const EntryHandle*, const Key&)>;
    using EntryIteratorConst = SwTable::EntryIteratorConst<Derived>;
 
@@ -1287,6 +1334,48 @@ class SwTableImpl : public Base {
    void doInitComplete() { accessor().doInitComplete(); }
    void purgeStaleEntries() { accessor().purgeStaleEntries(); }
    void cleanup() { accessor().cleanup(); }
+   // Lets go of the chip (the Util and the hardware table): clean-up and destruction then
+   // leave the chip as it is, as an agent process that exits for a warm restart leaves it.
+   void detachFromChip() {
+      utilIs(nullptr);
+      this->hwTableIs(nullptr);
+   }
+
+   // The part of clean-up that touches no hardware: handles detached (clients that still
+   // hold one keep a handle of no table), values, synced records and suggestions forgotten,
+   // indices still held for stale records and the shared allocator let go of.
+   void detachAll() {
+      for (auto& [key, eh] : entryHandles_) {
+         eh->swTableIs(nullptr);
+         eh->doAmendReferences();
+         dropCommitCount(eh.get());
+      }
+      unresolvedEntryDelAll();
+      resolvedEntries_.clear();
+      this->indexHelperDelAll();
+      if (auto* alloc = this->indexAllocator()) {
+         for (const auto& [index, indices] : syncedIndices_) {
+            for (Index held : indices) {
+               if (alloc->isIndexHeld(held)) alloc->markIndexAvailable(held, vixType<Key>());
+            }
+         }
+      }
+      syncedEntries_.clear();
+      syncedIndices_.clear();
+      if (auto* alloc = this->indexAllocator()) {
+         ASIC_TRACE(SwTable::Accessor<Derived>::trace(), 6,
+                    "Trying to delete shared allocator for table:{}", tableText());
+         GenericIndexAllocatorStub::freeSharedAllocator(
+             alloc->allocatorTypeName(), Derived::kTypeName, static_cast<const SwTable*>(this));
+         this->indexAllocatorIs(nullptr);
+         if (utilIfExists() && this->hwTable()) {
+            IndexUserTracker::Stub::deleteTracker(this->hwTable(), this->unit(), false);
+         }
+      }
+      // Handles still held by clients live on, detached; the table lets go of its counts
+      // only after every handle is detached, so no clean-up runs against a half-empty table.
+      entryHandleDelAll();
+   }
 
    void doMountHwTableMountInfo(Statebase::MountGroup& mountGroup) override {
       SwTable::Util::doMountHwTableMountInfo(Util::kTypeName, mountGroup, "");
@@ -1437,37 +1526,33 @@ class SwTableImpl : public Base {
       this->publish("syncedEntry");
    }
    void syncedEntryDel(Index index) {
+      syncedIndices_.erase(index);
       if (syncedEntries_.erase(index)) this->publish("syncedEntry");
-   }
-   void syncedEntryDel(typename SyncedEntryMap::const_iterator it) {
-      syncedEntries_.erase(it);
-      this->publish("syncedEntry");
    }
    void syncedEntryDelAll() {
       syncedEntries_.clear();
+      syncedIndices_.clear();
       this->publish("syncedEntry");
+   }
+   // Block tables: every index of the hardware entry a synced record stands for, as sync held
+   // them. Reconciliation binds exactly these and the purge frees exactly these, so that
+   // nothing sync holds is left behind whatever the chip held.
+   const std::vector<Index>* syncedIndices(Index index) const {
+      auto it = syncedIndices_.find(index);
+      return it == syncedIndices_.end() ? nullptr : &it->second;
+   }
+   void syncedIndicesIs(Index index, std::vector<Index> indices) {
+      syncedIndices_.insert_or_assign(index, std::move(indices));
    }
 
  protected:
    explicit SwTableImpl(std::string name = "") : Base(std::move(name)) {
       this->writeResponseSmIs(this);
    }
-   // Like cleanup(), without calling into the derived table, which is gone by now.
-   ~SwTableImpl() override {
-      for (auto& [key, eh] : entryHandles_) {
-         eh->swTableIs(nullptr);
-         eh->doAmendReferences();
-         dropCommitCount(eh.get());
-      }
-      unresolvedEntryDelAll();
-      resolvedEntries_.clear();
-      if (auto* alloc = this->indexAllocator()) {
-         GenericIndexAllocatorStub::freeSharedAllocator(
-             alloc->allocatorTypeName(), Derived::kTypeName, static_cast<const SwTable*>(this));
-         this->indexAllocatorIs(nullptr);
-      }
-      entryHandleDelAll();
-   }
+   // A table owned through Ptr has run cleanup() already (lastReferenceGone); whatever is
+   // left is only let go of, since the derived table is gone by now.
+   ~SwTableImpl() override { detachAll(); }
+   void lastReferenceGone() override { accessor().cleanup(); }
 
    SwTable::Accessor<Derived> accessor() { return SwTable::Accessor<Derived>(self()); }
    SwTable::Accessor<Derived> caccessor() const {
@@ -1483,6 +1568,7 @@ class SwTableImpl : public Base {
    UnresolvedEntryMap unresolvedEntries_;
    ResolvedEntryMap resolvedEntries_;
    SyncedEntryMap syncedEntries_;
+   SyncedIndicesMap syncedIndices_;
    WriteResponseCallback callback_;
 };
 

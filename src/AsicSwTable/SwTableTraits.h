@@ -64,5 +64,12 @@ concept getBlockSizeDefinedByUser = requires {
    requires T::Traits::getBlockSizeDefinedByUser;
 };
 
+// A suggestion naming an index that a key already owns is a programming error (the table's
+// dependents never share an index), not a candidate to pass over.
+template <typename T>
+concept suggestedIndexMustBeFree = requires {
+   requires T::Traits::suggestedIndexMustBeFree;
+};
+
 }  // namespace Trait
 }  // namespace Asic

@@ -202,6 +202,7 @@ bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
 
    // Warm restart: every software object goes, the chip stays. One list in ten is left out
    // of the replay; the replication heads suggest where the others sit.
+   table->detachFromChip();
    table->cleanup();
    table = listTableOver(hw);
    table->configReplayCompleteIs(false);

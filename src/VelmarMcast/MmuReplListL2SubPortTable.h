@@ -27,6 +27,7 @@ class MmuReplListL2SubPortTable
       static constexpr bool isUnknownIndexTable = true;
       static constexpr bool hasRemoteAllocator = false;
       static constexpr bool getBlockSizeDefinedByUser = true;
+      static constexpr bool suggestedIndexMustBeFree = true;
    };
    using UtilLoader = TableUtilLoader<MmuReplListL2SubPortTable>;
 

@@ -69,9 +69,10 @@ void MmuReplListL2SubPortTableSimUtil::syncEntries(Asic::HwTable* hwTable, Table
    });
 }
 
-Asic::Index MmuReplListL2SubPortTableSimUtil::getNextHwIndex(Table& table,
-                                                             Asic::Index hwIndex) const {
-   return nextIndex<L2SubPortFormat>(boundHwTable(table), hwIndex);
+// An L2 sub-port entry takes one index: nothing follows it within an entry, whatever its
+// link field says (a word read back with "last" clear is a corrupted one, not a longer entry).
+Asic::Index MmuReplListL2SubPortTableSimUtil::getNextHwIndex(Table&, Asic::Index) const {
+   return Asic::invalidIndex;
 }
 
 }  // namespace ChipSim

@@ -76,6 +76,7 @@ class RemapRestartFixture : public RemapTableFixture {
    void restart() {
       loop_.runUntilIdle();
       lookup_.releaseAll(*table_->indexAllocator());
+      table_->detachFromChip();
       table_->cleanup();
       table_.reset();
       ASSERT_EQ(Asic::GenericIndexAllocatorStub::sharedAllocator(

@@ -56,9 +56,13 @@ class RemapTableFixture : public ::testing::Test {
       Asic::Detail::publishEntryHandleProgrammedStateIs(std::nullopt);
    }
 
-   // A fresh table over the chip's remap memory (which keeps whatever it holds).
+   // A fresh table over the chip's remap memory (which keeps whatever it holds): the old
+   // table goes as an exiting agent's would, leaving the chip as it is.
    void tableIs(std::uint32_t entries) {
-      if (table_) table_->cleanup();
+      if (table_) {
+         table_->detachFromChip();
+         table_->cleanup();
+      }
       hw_ = chip_.tableIs(kRemapMemory, entries, ChipSim::IngIpmcRemapTableSimUtil::kEntryWords);
       table_ = ingIpmcRemapTableFactory();
       table_->hwTableIs(hw_);

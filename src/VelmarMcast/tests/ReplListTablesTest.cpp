@@ -44,6 +44,10 @@ class ReplListTablesTest : public ::testing::Test {
 
    // Fresh tables over the chip's memories, which keep whatever they hold.
    void tablesIs() {
+      for (auto* table :
+           {static_cast<Asic::SwTable*>(lists_.get()), static_cast<Asic::SwTable*>(l2_.get())}) {
+         if (table) table->hwTableIs(nullptr);
+      }
       if (lists_) lists_->cleanup();
       if (l2_) l2_->cleanup();
       listHw_ = chip_.tableIs(ReplListFormat::kMemory, kEntries, ReplListFormat::kEntryWords);
@@ -61,6 +65,8 @@ class ReplListTablesTest : public ::testing::Test {
    // Every software object goes, the chip stays; the new tables read it back.
    void restart() {
       loop_.runUntilIdle();
+      lists_->detachFromChip();
+      l2_->detachFromChip();
       lists_->cleanup();
       l2_->cleanup();
       lists_.reset();
