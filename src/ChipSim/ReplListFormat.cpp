@@ -121,7 +121,6 @@ void checkNoField(std::string_view kind, std::string_view field, std::uint64_t v
 
 namespace L2SubPort {
 using Format = L2SubPortFormat;
-constexpr std::string_view kMemory = Format::kMemory;
 
 constexpr Field kMode{0, 0, 2};
 constexpr Field kLast{0, 2, 1};

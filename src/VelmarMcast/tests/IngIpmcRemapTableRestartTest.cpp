@@ -278,6 +278,19 @@ TEST_F(RemapPurgeTest, StaleEntriesAreDeletedUnlessAReplayedKeyOwnsTheIndex) {
    EXPECT_EQ(newcomer->hwIndex(), coldIndex_[5]) << "a purged index is handed out again";
 }
 
+TEST_F(RemapPurgeTest, RecordAtAnIndexOnlyTheIpmcLookupHoldsIsDeletedAndTheIndexStaysWithIt) {
+   // Group 2 left the remap configuration but not the lookup's: the chip must stop
+   // remapping it, and the lookup keeps its index.
+   ASSERT_NO_FATAL_FAILURE(coldStart(2));
+   ASSERT_NO_FATAL_FAILURE(restart());
+   replay(1);
+   initCompleteAndPurge();
+   EXPECT_FALSE(hwEntry(coldIndex_[2]));
+   EXPECT_TRUE(alloc().isIndexAssigned(coldIndex_[2], keyType()));
+   EXPECT_EQ(stat(Status::staleEntryDeleted), 1u);
+   EXPECT_TRUE(hwEntry(coldIndex_[1]));
+}
+
 TEST_F(RemapPurgeTest, EmptyChipReconcilesNothingAndThePurgeOnlyTraces) {
    // Every replayed key is programmed as new (status 3).
    ASSERT_NO_FATAL_FAILURE(restart());

@@ -14,6 +14,7 @@
 
 #include "Asic/Assert.h"
 #include "Asic/EventLoop.h"
+#include "Asic/Trace.h"
 #include "ChipSim/Chip.h"
 #include "ChipSim/plugins/MmuReplListL2SubPortTableSimUtil.h"
 #include "ChipSim/plugins/MmuReplListTableSimUtil.h"
@@ -420,6 +421,143 @@ TEST_F(ReplListTablesTest, L2RestartReconcilesUnchangedEntriesAndPurgesStaleOnes
    EXPECT_EQ(l2Hw_->counters().clears, 1u);
    EXPECT_EQ(validEntries(l2Hw_), 1u);
    EXPECT_EQ(l2_->swKeyFromHwIndex(keptIndex), l2Entry(1, 0x3));
+}
+
+}  // namespace
+}  // namespace VelmarMcast::Testing
+
+// --- restarts over a chip left by a crash or corrupted --------------------------------------
+
+namespace VelmarMcast::Testing {
+namespace {
+
+TEST_F(ReplListTablesTest, SuggestionOfAnIndexAnotherListRecoveredIsPassedOver) {
+   // Verify that a suggestion naming an index another list already took over is refused
+   // (" not free") instead of stopping the agent, and that the list then reconciles at its
+   // own index.
+   const ListEntry a = list({1, 2, 3}, 1);
+   const ListEntry b = list({4, 5, 6}, 2);
+   Asic::Index aFirst = 0, bFirst = 0;
+   {
+      auto ha = lists_->entryCommit(a, a);
+      auto hb = lists_->entryCommit(b, b);
+      loop_.runUntilIdle();
+      aFirst = ha->hwIndex();
+      bFirst = hb->hwIndex();
+   }
+   ASSERT_NO_FATAL_FAILURE(restart());
+   Asic::TraceCapture capture("VelmarMcast::MmuReplListTable/8");
+   auto ha = lists_->entryCommit(a, a);
+   Asic::SwTableBase::suggestIndicesToNeededEntryHandle(ha.get(), {aFirst});
+   ASSERT_EQ(ha->entryState(), State::indexReconciled);
+   auto hb = lists_->entryCommit(b, b);
+   Asic::SwTableBase::suggestIndicesToNeededEntryHandle(hb.get(), {aFirst});
+   EXPECT_EQ(hb->entryState(), State::unresolved);
+   EXPECT_TRUE(capture.contains(fmt::format(
+       "VelmarMcast::MmuReplListTable : reconcileUsingHwIndex: Index:{} not free", aFirst)));
+   Asic::SwTableBase::suggestIndicesToNeededEntryHandle(hb.get(), {bFirst});
+   EXPECT_EQ(hb->entryState(), State::indexReconciled);
+   lists_->doInitComplete();
+   lists_->purgeStaleEntries();
+   loop_.runUntilIdle();
+   EXPECT_EQ(listHw_->counters().writes + listHw_->counters().clears, 0u);
+}
+
+TEST_F(ReplListTablesTest, HeldBackListWhoseSuggestedIndexAnotherListTookIsProgrammedAsNew) {
+   // After a crash mid-change, list y's replication head still names index i, where list x
+   // sits. y is suggested i first (refused: other contents), then x takes i over. At the
+   // end of the replay y's helper still names i: it is passed over, and y is written anew.
+   const ListEntry x = list({1, 2}, 1);
+   const ListEntry y = list({3, 4}, 2);
+   Asic::Index i = 0;
+   {
+      auto hx = lists_->entryCommit(x, x);
+      loop_.runUntilIdle();
+      i = hx->hwIndex();
+   }
+   ASSERT_NO_FATAL_FAILURE(restart());
+   Asic::TraceCapture capture("VelmarMcast::MmuReplListTable/8");
+   auto hy = lists_->entryCommit(y, y);
+   Asic::SwTableBase::suggestIndicesToNeededEntryHandle(hy.get(), {i});
+   auto hx = lists_->entryCommit(x, x);
+   Asic::SwTableBase::suggestIndicesToNeededEntryHandle(hx.get(), {i});
+   ASSERT_EQ(hx->entryState(), State::indexReconciled);
+   lists_->doInitComplete();
+   lists_->purgeStaleEntries();
+   loop_.runUntilIdle();
+   EXPECT_EQ(hy->entryState(), State::success);
+   EXPECT_NE(hy->hwIndex(), i);
+   EXPECT_EQ(hx->hwIndex(), i);
+   EXPECT_TRUE(capture.contains(
+       fmt::format("VelmarMcast::MmuReplListTable : reconcileUsingHwIndex: Index:{} not free", i)));
+   EXPECT_EQ(lists_->reconciliationStats()[Status::nothingToReconcile], 1u);
+   EXPECT_EQ(listHw_->counters().writes, 1u);
+}
+
+TEST_F(ReplListTablesTest, CorruptedL2WordWithItsLastBitClearLeaksNoIndexAtRestart) {
+   // Sync must hold nothing that reconciliation or the purge will not bind or free: an L2
+   // entry is one index, whatever its link field says.
+   const L2Entry kept(1, Ulm::PerUnitBitmap(std::vector<std::uint32_t>{0x3, 0}));
+   Asic::Index i = 0;
+   {
+      auto eh = l2_->entryCommit(kept, kept);
+      loop_.runUntilIdle();
+      i = eh->hwIndex();
+   }
+   L2SubPortFormat::Words words{};
+   ASSERT_TRUE(l2Hw_->entryRead(i, words));
+   L2SubPortFormat::HwEntry corrupted = L2SubPortFormat::decode(words);
+   corrupted.last = false;
+   corrupted.next = 50;
+   l2Hw_->entryWrite(i, L2SubPortFormat::encode(corrupted));
+
+   ASSERT_NO_FATAL_FAILURE(restart());
+   auto eh = l2_->entryCommit(kept, kept);
+   Asic::SwTableBase::suggestIndicesToNeededEntryHandle(eh.get(), {i});
+   l2_->doInitComplete();
+   l2_->purgeStaleEntries();
+   loop_.runUntilIdle();
+   EXPECT_EQ(eh->hwIndex(), i);
+   EXPECT_FALSE(alloc().isIndexHeld(50));
+   EXPECT_EQ(alloc().totalUsedIndices(), 2u) << "index 0 and the kept entry's";
+}
+
+TEST_F(ReplListTablesTest, ChainsThatMeetAreHeldOnceAndAllFreedByThePurge) {
+   // Two chain heads lead into one shared tail (a corrupted chip): sync holds each index
+   // once, for the first record that reaches it, and the purge deletes and frees them all.
+   auto link = [&](Asic::Index index, Asic::Index next, bool last) {
+      ReplListFormat::HwEntry entry;
+      entry.pairs = {{index, 1}};
+      entry.next = next;
+      entry.last = last;
+      listHw_->entryWrite(index, ReplListFormat::encode(entry));
+   };
+   link(10, 12, false);
+   link(11, 12, false);
+   link(12, 0, true);
+   ASSERT_NO_FATAL_FAILURE(restart());
+   ASSERT_EQ(lists_->syncedEntries().size(), 2u);
+   lists_->doInitComplete();
+   lists_->purgeStaleEntries();
+   loop_.runUntilIdle();
+   EXPECT_EQ(alloc().totalUsedIndices(), 1u) << "only index 0 stays reserved";
+   EXPECT_EQ(validEntries(listHw_), 0u);
+}
+
+TEST_F(ReplListTablesTest, CleanupOfOneTableReturnsItsIndicesToTheAllocatorTheOtherKeeps) {
+   const ListEntry a = list({1, 2, 3, 4, 5}, 1);
+   auto l2 = l2_->entryCommit(l2Entry(1, 0x1), l2Entry(1, 0x1));
+   lists_->entryCommit(a, a);
+   loop_.runUntilIdle();
+   ASSERT_EQ(alloc().totalUsedIndices(), 4u);
+
+   Asic::Ptr<Asic::GenericIndexAllocator> shared(lists_->indexAllocator());
+   lists_->cleanup();
+   lists_.reset();
+   EXPECT_EQ(validEntries(listHw_), 0u);
+   EXPECT_EQ(shared->totalUsedIndices(), 2u) << "index 0 and the L2 entry's";
+   EXPECT_EQ(validEntries(l2Hw_), 1u);
+   EXPECT_EQ(l2->entryState(), State::success);
 }
 
 }  // namespace
