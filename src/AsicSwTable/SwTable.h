@@ -203,6 +203,15 @@ class SwTable::EntryHandle : public SwTableBase::EntryHandle {
       handleResolvedEntryState();
    }
 
+   // The key has nothing in hardware any more (its delete completed while a new commit held
+   // the handle): back to never programmed, without a dispatch.
+   void resolvedEntryStateReset() {
+      hwIndexIs(invalidIndex);
+      if (resolvedEntryState_ == static_cast<std::uint8_t>(EntryState::unresolved)) return;
+      resolvedEntryState_ = static_cast<std::uint8_t>(EntryState::unresolved);
+      publish("resolvedEntryState");
+   }
+
    // A write response ends the programming of the handle's resolved value.
    void hwWriteCompleted(bool ok) override {
       resolvedEntryStateIs(ok ? EntryState::success : EntryState::programFailed);

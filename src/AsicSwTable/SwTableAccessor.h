@@ -297,6 +297,8 @@ class SwTable::Accessor {
       RefCounted::Pin pin(ue);
       const Key key = ue->key();
       EntryHandle* eh = swTable_->entryHandle(key);
+      // Every needed entry is usable now: a failure reported earlier is over.
+      if (eh && eh->entryState() == State::failedNeededEntry) eh->entryStateIs(State::unresolved);
       if (const auto* resolved = swTable_->resolvedEntry(key); resolved && resolved->has_value()) {
          if (eh) eh->pendingEntryEnq(**resolved);
       }
@@ -399,6 +401,10 @@ class SwTable::Accessor {
       const auto* resolved = swTable_->resolvedEntry(key);
       const bool hasValue = resolved && resolved->has_value();
       const bool alreadyInHw = swTable_->reconciledIndex() && swTable_->syncedEntry(hwIndex);
+      if (!swTable_->skippedStaleEntries().empty()) {
+         swTable_->skippedStaleEntryDel(hwIndex);  // written over now
+         deleteSkippedStaleEntries(key);           // the key lands elsewhere
+      }
       if (!alreadyInHw) {
          const std::uint8_t mode = swTable_->indexUserMode();
          std::optional<IndexUserTracker::Op> op;
@@ -617,6 +623,8 @@ class SwTable::Accessor {
          if (entryState == State::inProgress) {
             eh->swTableIs(nullptr);
             swTable_->entryHandleDel(key);
+         } else {
+            eh->resolvedEntryStateReset();  // committed again meanwhile: starts afresh
          }
          return;
       }
@@ -627,11 +635,19 @@ class SwTable::Accessor {
             eh->entryStateIs(rs);
             break;
          case State::unresolved:
+            // A newer value waits for its needed entries. A failed write means the chip holds
+            // neither value: the client is told (the resolved value's callback), and the newer
+            // value is programmed when it resolves.
+            if (rs == State::programFailed) {
+               eh->entryStateIs(rs);
+               break;
+            }
+            [[fallthrough]];
          case State::failedNeededEntry:
          case State::wontProgram:
-            // A newer value still waiting, a failed dependency or the client's wontProgram owns
-            // the entry state: this response ends the older programming quietly, succeeded or
-            // not (a later programming writes over whatever the chip kept).
+            // A failed dependency or the client's wontProgram owns the entry state: this
+            // response ends the programming quietly (a later programming writes over whatever
+            // the chip kept).
             ASIC_ASSERT_TEXT(rs == State::success || rs == State::programFailed,
                              "resolvedEntryState == success() || resolvedEntryState == "
                              "programFailed()",
@@ -737,10 +753,14 @@ class SwTable::Accessor {
          ASIC_ASSERT_TEXT(
              !owned, "!allocator->isIndexAssigned( hwIndex, Vix::vixType< EntryKeyT >() )", "");
       }
-      const std::vector<Index>* indices = swTable_->syncedIndices(hwIndex);
-      // Only a hardware entry that sync found, and holds for this table, can be taken over.
-      if (owned || !indices) {
+      if (owned) {
          SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} not free", hwIndex);
+         return false;
+      }
+      // Only a hardware entry that sync found, and holds for this table, can be taken over.
+      const std::vector<Index>* indices = swTable_->syncedIndices(hwIndex);
+      if (!indices) {
+         SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} holds no synced entry", hwIndex);
          return false;
       }
       const auto* resolved = swTable_->resolvedEntry(key);
@@ -965,10 +985,9 @@ class SwTable::Accessor {
       }
    }
 
-   // "Assigned" is owned by a key of this table (one it uses, or one a client holds here and
-   // that will program over the record): an index that only a neighbour sharing the
-   // allocator uses (the IPMC lookup's group) is vertically shared, so the stale entry goes
-   // and the index stays with the neighbour.
+   // "Assigned" is owned by a key of this table (see ownsIndex): an index that only a neighbour
+   // sharing the allocator uses (the IPMC lookup's group) is vertically shared, so the stale entry
+   // goes and the index stays with the neighbour.
    void handleStaleEntries() requires(Trait::isUnknownIndexTable<T> &&
                                       !Trait::getBlockSizeDefinedByUser<T>) {
       Util* util = swTable_->utilIfExists();
@@ -988,6 +1007,10 @@ class SwTable::Accessor {
             }
          } else {
             SWT_TRACE(8, "handleStaleEntries", " Skip index:{}", hwIndex);
+            const GenericValue owner = alloc->keyForIndex(hwIndex, keyType());
+            if (const Key* key = owner.template get<Key>()) {
+               swTable_->skippedStaleEntryIs(hwIndex, *key);
+            }
          }
       }
    }
@@ -1031,15 +1054,20 @@ class SwTable::Accessor {
       resolved.reserve(swTable_->resolvedEntrys());
       for (const auto& [key, value] : swTable_->resolvedEntries()) resolved.push_back(key);
       for (const Key& key : resolved) deleteResolvedEntry(key);
+      while (!swTable_->skippedStaleEntries().empty()) {
+         deleteSkippedStaleEntry(swTable_->skippedStaleEntries().begin()->first);
+      }
       swTable_->detachAll();
    }
 
  private:
+   // A key of this table owns the index when the table uses it, or when the key has a value
+   // here that will be programmed over it (one still waiting for its needed entries).
    bool ownsIndex(const GenericIndexAllocator& alloc, Index hwIndex) const {
       if (alloc.isIndexUsedBy(hwIndex, keyType(), allocatorUser())) return true;
       const GenericValue owner = alloc.keyForIndex(hwIndex, keyType());
       const Key* key = owner.template get<Key>();
-      return key && swTable_->entryHandleHas(*key);
+      return key && entryHas(*key);
    }
 
    // The table as the allocator knows it (one pointer for every call).
@@ -1082,6 +1110,8 @@ class SwTable::Accessor {
                       entry);
             Ptr<EntryHandle> eh = expectEntryHandle(key);
             type(eh.get());
+            // Committed again after wontProgram: the value is wanted after all, and waits.
+            if (eh->entryState() == State::wontProgram) eh->entryStateIs(State::unresolved);
             return eh;
          }
          SWT_TRACE(6, op, " : Deleting existing unresolved entry at key : {}", key);
@@ -1094,11 +1124,12 @@ class SwTable::Accessor {
          Ptr<EntryHandle> eh = expectEntryHandle(key);
          type(eh.get());
          // A newer value that was committed meanwhile (and is now withdrawn) left the entry
-         // state `unresolved` or `failedNeededEntry`: the key is back where its resolved value
-         // stands, and the client is told so.
+         // state `unresolved` or `failedNeededEntry`, or the client had said wontProgram: the
+         // key is back where its resolved value stands, and the client is told so.
          const State entryState = eh->entryState();
          const State rs = eh->resolvedEntryState();
-         if ((entryState == State::unresolved || entryState == State::failedNeededEntry) &&
+         if ((entryState == State::unresolved || entryState == State::failedNeededEntry ||
+              entryState == State::wontProgram) &&
              rs != State::unresolved) {
             eh->entryStateIs(rs);
          } else {
@@ -1173,10 +1204,33 @@ class SwTable::Accessor {
 
    void finishCleanup(EntryHandle* eh, const Key& key) {
       deleteResolvedEntry(key);
+      deleteSkippedStaleEntries(key);
       eh->swTableIs(nullptr);
       swTable_->entryHandleDel(key);
       SWT_TRACE(6, "cleanup", " delete dance complete, key : {}", key);
       ASIC_ASSERT_TEXT(!swTable_->entryHandleHas(key), "!swTable_->entryHandleHas( key )", "");
+   }
+
+   // A key that goes, or is written elsewhere, without writing over the stale entries the
+   // purge left for it takes them off the chip.
+   void deleteSkippedStaleEntries(const Key& key) {
+      std::vector<Index> indices;
+      for (const auto& [index, owner] : swTable_->skippedStaleEntries()) {
+         if (owner == key) indices.push_back(index);
+      }
+      for (Index index : indices) deleteSkippedStaleEntry(index);
+   }
+   void deleteSkippedStaleEntry(Index index) {
+      swTable_->skippedStaleEntryDel(index);
+      Util* util = swTable_->utilIfExists();
+      if (!util) return;
+      SWT_TRACE(8, "cleanup", ": Deleting stale hwEntry at index:{}", index);
+      util->updateHwIndexRefCountTracker(swTable_->hwTable(), index, IndexUserTracker::released);
+      if constexpr (Trait::getBlockSizeDefinedByUser<T>) {
+         util->hwTableEntryDel(*swTable_, std::vector<Index>{index});
+      } else {
+         util->hwTableEntryDel(*swTable_, index);
+      }
    }
 
    T* swTable_;  // not owned
@@ -1362,6 +1416,7 @@ class SwTableImpl : public Base {
       }
       syncedEntries_.clear();
       syncedIndices_.clear();
+      skippedStale_.clear();
       if (auto* alloc = this->indexAllocator()) {
          ASIC_TRACE(SwTable::Accessor<Derived>::trace(), 6,
                     "Trying to delete shared allocator for table:{}", tableText());
@@ -1544,6 +1599,17 @@ class SwTableImpl : public Base {
    void syncedIndicesIs(Index index, std::vector<Index> indices) {
       syncedIndices_.insert_or_assign(index, std::move(indices));
    }
+   // Stale entries the purge left at indices of keys that will write over them (keys still
+   // waiting for their needed entries), by index, with the key: deleted if the key goes, or
+   // is written elsewhere, without writing over them. Usually empty.
+   using SkippedStaleEntryMap = absl::btree_map<Index, Key>;
+   const SkippedStaleEntryMap& skippedStaleEntries() const noexcept { return skippedStale_; }
+   void skippedStaleEntryIs(Index index, const Key& key) {
+      skippedStale_.insert_or_assign(index, key);
+   }
+   void skippedStaleEntryDel(Index index) {
+      if (!skippedStale_.empty()) skippedStale_.erase(index);
+   }
 
  protected:
    explicit SwTableImpl(std::string name = "") : Base(std::move(name)) {
@@ -1569,6 +1635,7 @@ class SwTableImpl : public Base {
    ResolvedEntryMap resolvedEntries_;
    SyncedEntryMap syncedEntries_;
    SyncedIndicesMap syncedIndices_;
+   SkippedStaleEntryMap skippedStale_;
    WriteResponseCallback callback_;
 };
 
