@@ -58,14 +58,18 @@ TEST_F(RemapFieldEventTest, RemovingAKeyWhoseWriteFailedDeletesWhatTheChipHoldsA
    EXPECT_FALSE(table_->resolvedEntryHas(groupKey(1)));
 }
 
-TEST_F(RemapFieldEventTest, FailedWriteWhileANewerValueWaitsLeavesTheNewerValueToFinish) {
+TEST_F(RemapFieldEventTest, FailedWriteWhileANewerValueWaitsIsReportedThenTheNewerValueFinishes) {
+   // The chip holds neither value: the client hears programFailed (through the failed
+   // value's callback), and the newer value is programmed once it resolves.
    auto waiting = testEntryHandle();
-   CallbackLog newer;
+   CallbackLog older, newer;
    hw_->writesFailingIs(1);
-   auto eh = table_->entryCommit(groupKey(1), remapTo(ready_, 1));
+   auto eh = table_->entryCommit(groupKey(1), remapTo(ready_, 1, older.fn()));
    table_->entryCommit(groupKey(1), remapTo(waiting, 2, newer.fn()));
    loop_.runUntilIdle();
-   EXPECT_EQ(eh->entryState(), State::unresolved) << "the newer value owns the state";
+   EXPECT_EQ(eh->entryState(), State::programFailed);
+   EXPECT_EQ(older.count(State::programFailed), 1u);
+   EXPECT_TRUE(newer.states.empty());
 
    waiting->programmedIs(9);
    loop_.runUntilIdle();

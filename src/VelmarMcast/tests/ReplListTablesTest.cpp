@@ -45,12 +45,6 @@ class ReplListTablesTest : public ::testing::Test {
 
    // Fresh tables over the chip's memories, which keep whatever they hold.
    void tablesIs() {
-      for (auto* table :
-           {static_cast<Asic::SwTable*>(lists_.get()), static_cast<Asic::SwTable*>(l2_.get())}) {
-         if (table) table->hwTableIs(nullptr);
-      }
-      if (lists_) lists_->cleanup();
-      if (l2_) l2_->cleanup();
       listHw_ = chip_.tableIs(ReplListFormat::kMemory, kEntries, ReplListFormat::kEntryWords);
       l2Hw_ = chip_.tableIs(L2SubPortFormat::kMemory, kEntries, L2SubPortFormat::kEntryWords);
       lists_ = mmuReplListTableFactory();
