@@ -1110,8 +1110,15 @@ class SwTable::Accessor {
                       entry);
             Ptr<EntryHandle> eh = expectEntryHandle(key);
             type(eh.get());
-            // Committed again after wontProgram: the value is wanted after all, and waits.
-            if (eh->entryState() == State::wontProgram) eh->entryStateIs(State::unresolved);
+            // Committed again after wontProgram: the value is wanted after all, and waits (or
+            // has already failed, if a needed entry did).
+            if (eh->entryState() == State::wontProgram) {
+               if (ue->neededEntryHandleFailed()) {
+                  ue->markFailedNeededEntry();
+               } else {
+                  eh->entryStateIs(State::unresolved);
+               }
+            }
             return eh;
          }
          SWT_TRACE(6, op, " : Deleting existing unresolved entry at key : {}", key);
