@@ -713,10 +713,14 @@ class SwTable::Accessor {
       for (const auto& [hwIndex, entry] : swTable_->syncedEntries()) {
          std::vector<Index> indices;
          const std::uint32_t bound = swTable_->numEntries();
-         for (Index index = hwIndex; !isExhausted(index) && indices.size() < bound;
-              index = util.getNextHwIndex(*swTable_, index)) {
+         for (Index index = hwIndex; !isExhausted(index) && indices.size() < bound;) {
             if (!alloc->holdIndex(index)) break;  // a loop, another record's, reserved or owned
             indices.push_back(index);
+            try {
+               index = util.getNextHwIndex(*swTable_, index);
+            } catch (const std::exception&) {
+               break;  // a link the chip cannot follow ends the entry
+            }
          }
          if (indices.empty()) {
             SWT_TRACE(0, "syncEntries", ": hwEntry at index:{} is on an index in use; skipped",
@@ -1139,6 +1143,11 @@ class SwTable::Accessor {
               entryState == State::wontProgram) &&
              rs != State::unresolved) {
             eh->entryStateIs(rs);
+         } else if (entryState == State::wontProgram) {
+            // Held back by the replay and then declared wontProgram: never programmed. Wanted
+            // again, it is held back anew, or programmed now that the replay is over.
+            eh->entryStateIs(State::unresolved);
+            if (swTable_->configReplayComplete()) handleEntry(key);
          } else {
             eh->entryStateRepublish();
          }

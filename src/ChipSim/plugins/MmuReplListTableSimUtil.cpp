@@ -1,5 +1,6 @@
 #include "ChipSim/plugins/MmuReplListTableSimUtil.h"
 
+#include <algorithm>
 #include <optional>
 #include <stdexcept>
 
@@ -40,6 +41,28 @@ std::optional<std::vector<HwEntry>> readList(const Asic::HwTable& hw, Asic::Inde
       }
    } catch (const std::exception&) {
       return std::nullopt;
+   }
+   return entries;
+}
+
+// The entries of the list at `first` up to where its chain breaks (an entry that is not
+// valid, cannot be decoded, lies past the table or closes a loop): what a write cut short by
+// a crash or a failed write leaves behind.
+std::vector<HwEntry> readablePart(const Asic::HwTable& hw, Asic::Index first) {
+   std::vector<HwEntry> entries;
+   std::vector<Asic::Index> seen;
+   for (Asic::Index index = first; index < hw.numEntries();) {
+      if (std::find(seen.begin(), seen.end(), index) != seen.end()) break;
+      ReplListFormat::Words words{};
+      if (!hw.entryRead(index, words)) break;
+      try {
+         entries.push_back(ReplListFormat::decode(words));
+      } catch (const std::invalid_argument&) {
+         break;
+      }
+      if (entries.back().last) break;
+      seen.push_back(index);
+      index = entries.back().next;
    }
    return entries;
 }
@@ -149,10 +172,13 @@ void MmuReplListTableSimUtil::syncEntries(Asic::HwTable* hwTable, Table& table) 
    for (Asic::Index head : chainHeads<ReplListFormat>(*hwTable)) {
       auto hwList = readList(*hwTable, head);
       if (!hwList) {
-         // A broken list is no list: left for a later write to overwrite.
+         // A broken list serves no key, but its entries are the table's: its readable part is
+         // synced, so that the purge takes it off the chip and frees its indices.
          ASIC_TRACE(Asic::traceHandle(Table::kTypeName), 0,
-                    "{} : syncEntries: skipping broken list at index {}", Table::kTypeName, head);
-         continue;
+                    "{} : syncEntries: list at index {} is broken; kept for the purge",
+                    Table::kTypeName, head);
+         hwList = readablePart(*hwTable, head);
+         if (hwList->empty()) continue;
       }
       table.syncedEntryIs(head, entryFromHw(*hwList));
    }

@@ -538,6 +538,49 @@ TEST_F(ReplListTablesTest, ChainsThatMeetAreHeldOnceAndAllFreedByThePurge) {
    EXPECT_EQ(validEntries(listHw_), 0u);
 }
 
+TEST_F(ReplListTablesTest, ListBrokenByACrashIsPurgedWithEveryIndexItHeld) {
+   // The middle entry of a chain never reached the chip: its head leads nowhere, its tail is
+   // a list of its own. Neither serves a key; both leave the chip at the purge.
+   const ListEntry cut = list({1, 2, 3, 4, 5, 6, 7, 8, 9}, 1);
+   std::vector<Asic::Index> chain;
+   {
+      auto eh = lists_->entryCommit(cut, cut);
+      loop_.runUntilIdle();
+      chain = chainAt(eh->hwIndex());
+   }
+   ASSERT_EQ(chain.size(), 3u);
+   listHw_->entryClear(chain[1]);
+   ASSERT_NO_FATAL_FAILURE(restart());
+   EXPECT_EQ(lists_->syncedEntries().size(), 2u);
+   lists_->doInitComplete();
+   lists_->purgeStaleEntries();
+   loop_.runUntilIdle();
+   EXPECT_EQ(validEntries(listHw_), 0u);
+   EXPECT_EQ(alloc().totalUsedIndices(), 1u) << "only index 0 stays reserved";
+}
+
+TEST_F(ReplListTablesTest, EntryHeldBackThenWontProgramIsProgrammedWhenCommittedAgain) {
+   const L2Entry e = l2Entry(2, 0x5);
+   {
+      auto eh = l2_->entryCommit(e, e);
+      loop_.runUntilIdle();
+   }
+   ASSERT_NO_FATAL_FAILURE(restart());
+   auto eh = l2_->entryCommit(e, e);
+   ASSERT_EQ(eh->entryState(), State::unresolved) << "held back: no suggestion for it";
+   l2_->entryWontProgram(e);
+   l2_->doInitComplete();
+   l2_->purgeStaleEntries();
+   loop_.runUntilIdle();
+   EXPECT_EQ(eh->entryState(), State::wontProgram);
+
+   l2_->entryCommit(e, e);
+   loop_.runUntilIdle();
+   EXPECT_EQ(eh->entryState(), State::success);
+   EXPECT_EQ(validEntries(l2Hw_), 1u);
+   EXPECT_EQ(l2_->swKeyFromHwIndex(eh->hwIndex()), e);
+}
+
 TEST_F(ReplListTablesTest, CleanupOfOneTableReturnsItsIndicesToTheAllocatorTheOtherKeeps) {
    const ListEntry a = list({1, 2, 3, 4, 5}, 1);
    auto l2 = l2_->entryCommit(l2Entry(1, 0x1), l2Entry(1, 0x1));
