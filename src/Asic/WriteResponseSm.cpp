@@ -20,18 +20,18 @@ WriteResponseSm::WriteContext::~WriteContext() {
 
 WriteResponseSm::Ticket WriteResponseSm::writeIssued() {
    if (!context_) return kNoTicket;
+   const Ticket t = nextTicket_++;
    Outstanding& out = perHandle_[context_];
    if (!contextStarted_) {
       // A new programming of the handle: whatever is still outstanding is superseded.
       contextStarted_ = true;
-      ++out.programming;
+      out.newest = t;
       out.superseded += out.writes;
       out.writes = 0;
-      out.failed = false;
+      out.failed = 0;
    }
    ++out.writes;
-   Ticket t = nextTicket_++;
-   tickets_.emplace(t, Issued{Ptr<SwTableBase::EntryHandle>(context_), out.programming});
+   tickets_.emplace(t, Ptr<SwTableBase::EntryHandle>(context_));
    return t;
 }
 
@@ -47,40 +47,39 @@ void WriteResponseSm::forgetIfDone(const SwTableBase::EntryHandle* eh, const Out
 void WriteResponseSm::writeCompleted(Ticket ticket, bool ok) {
    auto it = tickets_.find(ticket);
    if (it == tickets_.end()) return;  // not ours, or already reported
-   Issued issued = std::move(it->second);
+   Ptr<SwTableBase::EntryHandle> eh = std::move(it->second);
    tickets_.erase(it);
-   SwTableBase::EntryHandle* eh = issued.eh.get();
-   auto found = perHandle_.find(eh);
+   auto found = perHandle_.find(eh.get());
    if (found == perHandle_.end()) return;
    Outstanding& out = found->second;
-   if (issued.programming != out.programming) {
+   if (ticket < out.newest) {
       --out.superseded;
-      forgetIfDone(eh, out);
+      forgetIfDone(eh.get(), out);
       return;
    }
    out.failed |= !ok;
    if (--out.writes != 0) return;  // one response covers all writes of one programming
    const bool failed = out.failed;
-   out.failed = false;
-   forgetIfDone(eh, out);
-   eh->hwWriteCompleted(!failed);  // `issued` keeps the handle alive for the call
+   out.failed = 0;
+   forgetIfDone(eh.get(), out);
+   eh->hwWriteCompleted(!failed);  // `eh` keeps the handle alive for the call
 }
 
 void WriteResponseSm::writeWithdrawn(Ticket ticket) {
    auto it = tickets_.find(ticket);
    if (it == tickets_.end()) return;
-   Issued issued = std::move(it->second);
+   Ptr<SwTableBase::EntryHandle> eh = std::move(it->second);
    tickets_.erase(it);
-   auto found = perHandle_.find(issued.eh.get());
+   auto found = perHandle_.find(eh.get());
    if (found == perHandle_.end()) return;
    Outstanding& out = found->second;
-   if (issued.programming != out.programming) {
+   if (ticket < out.newest) {
       --out.superseded;
    } else {
-      out.failed = true;
+      out.failed = 1;
       --out.writes;
    }
-   forgetIfDone(issued.eh.get(), out);
-}  // `issued` goes last: it may hold the last count of the handle
+   forgetIfDone(eh.get(), out);
+}  // `eh` goes last: it may hold the last count of the handle
 
 }  // namespace Asic

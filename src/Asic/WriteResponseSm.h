@@ -49,15 +49,13 @@ class WriteResponseSm : public RefCounted {
    const void* swTable() const noexcept { return swTable_; }
 
  private:
+   // Tickets only grow, so a ticket belongs to the handle's newest programming exactly when
+   // it is not older than that programming's first one.
    struct Outstanding {
-      std::uint64_t programming = 0;  // the newest programming's number
-      std::uint32_t writes = 0;       // of the newest programming
-      std::uint32_t superseded = 0;   // of older programmings, absorbed when they complete
-      bool failed = false;            // some write of the newest programming failed
-   };
-   struct Issued {
-      Ptr<SwTableBase::EntryHandle> eh;
-      std::uint64_t programming;
+      Ticket newest = 0;                  // first ticket of the newest programming
+      std::uint32_t writes = 0;           // of the newest programming
+      std::uint32_t superseded : 31 = 0;  // of older programmings, absorbed when they complete
+      std::uint32_t failed : 1 = 0;       // some write of the newest programming failed
    };
    // Drops the handle's record once nothing of it is outstanding.
    void forgetIfDone(const SwTableBase::EntryHandle* eh, const Outstanding& out);
@@ -66,7 +64,7 @@ class WriteResponseSm : public RefCounted {
    SwTableBase::EntryHandle* context_ = nullptr;
    bool contextStarted_ = false;  // the open context has issued a write (a programming began)
    Ticket nextTicket_ = 1;
-   absl::flat_hash_map<Ticket, Issued> tickets_;
+   absl::flat_hash_map<Ticket, Ptr<SwTableBase::EntryHandle>> tickets_;
    absl::flat_hash_map<const SwTableBase::EntryHandle*, Outstanding> perHandle_;
 };
 
