@@ -12,6 +12,7 @@
 //   VELMAR_DIFF_STEPS=200000 VELMAR_DIFF_SEEDS=20   longer runs (steps per seed, seeds)
 //   VELMAR_DIFF_SEED=7                              that seed only
 //   VELMAR_DIFF_SHRINK=0                            report without shrinking
+//   VELMAR_DIFF_FAULT_WEIGHT=30                     more chip faults (default 7 of ~90)
 
 #include <algorithm>
 #include <array>
@@ -472,11 +473,16 @@ struct Op {
 template <typename A>
 std::vector<Op> operations(std::uint32_t seed, std::uint32_t steps) {
    const std::pair<OpKind, std::uint32_t> weights[] = {
-       {OpKind::commit, 25},     {OpKind::remove, 10},
-       {OpKind::wontProgram, 2}, {OpKind::dropClient, 5},
-       {OpKind::flap, 4},        {OpKind::handle, A::kSlots > 0 ? 15u : 0u},
-       {OpKind::runOnce, 8},     {OpKind::settle, 14},
-       {OpKind::fault, 7},       {OpKind::lookup, A::kHasLookup ? 5u : 0u},
+       {OpKind::commit, 25},
+       {OpKind::remove, 10},
+       {OpKind::wontProgram, 2},
+       {OpKind::dropClient, 5},
+       {OpKind::flap, 4},
+       {OpKind::handle, A::kSlots > 0 ? 15u : 0u},
+       {OpKind::runOnce, 8},
+       {OpKind::settle, 14},
+       {OpKind::fault, envNumber("VELMAR_DIFF_FAULT_WEIGHT", 7)},
+       {OpKind::lookup, A::kHasLookup ? 5u : 0u},
        {OpKind::restart, 1},
    };
    std::uint32_t total = 0;
