@@ -705,11 +705,11 @@ class SwTable::Accessor {
 
    // Until the purge, no new entry may be given an index that a stale entry still occupies:
    // each record's indices (its hardware links, as far as they lead to indices no earlier
-   // record claimed and nothing else owns) are held, and kept with the record. A record
-   // whose first index cannot be held stands for nothing this table may touch: dropped.
+   // record claimed and nothing else owns) are held, and kept with the record. A record whose
+   // first index is already in use (reserved, or another record's, of this table or of one
+   // sharing the allocator) keeps no index: the purge only takes it out of this memory.
    void holdSyncedIndices(Util& util) requires(Trait::getBlockSizeDefinedByUser<T>) {
       GenericIndexAllocator* alloc = allocator();
-      std::vector<Index> unusable;
       for (const auto& [hwIndex, entry] : swTable_->syncedEntries()) {
          std::vector<Index> indices;
          const std::uint32_t bound = swTable_->numEntries();
@@ -723,14 +723,10 @@ class SwTable::Accessor {
             }
          }
          if (indices.empty()) {
-            SWT_TRACE(0, "syncEntries", ": hwEntry at index:{} is on an index in use; skipped",
-                      hwIndex);
-            unusable.push_back(hwIndex);
-            continue;
+            SWT_TRACE(0, "syncEntries", ": hwEntry at index:{} is on an index in use", hwIndex);
          }
          swTable_->syncedIndicesIs(hwIndex, std::move(indices));
       }
-      for (Index index : unusable) swTable_->syncedEntryDel(index);
    }
 
    Status reconcileSyncedEntry(const Key& key) {
@@ -765,6 +761,10 @@ class SwTable::Accessor {
       const std::vector<Index>* indices = swTable_->syncedIndices(hwIndex);
       if (!indices) {
          SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} holds no synced entry", hwIndex);
+         return false;
+      }
+      if (indices->empty()) {
+         SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} not free", hwIndex);
          return false;
       }
       const auto* resolved = swTable_->resolvedEntry(key);
@@ -970,6 +970,14 @@ class SwTable::Accessor {
       for (const auto& [hwIndex, entry] : swTable_->syncedEntries()) {
          const std::vector<Index>* indices = swTable_->syncedIndices(hwIndex);
          if (!indices) continue;
+         if (indices->empty()) {
+            // On an index in use elsewhere: only this memory's entry goes.
+            util->hwTableEntryDel(*swTable_, std::vector<Index>{hwIndex});
+            SWT_TRACE(8, "handleStaleEntries", ": Deleting stale hwEntry at index:{}, size:0",
+                      hwIndex);
+            swTable_->updateStatistic(Status::staleEntryDeleted);
+            continue;
+         }
          for (Index index : *indices) {
             ASIC_ASSERT_TEXT(!alloc->isIndexAssigned(index, keyType()),
                              "!allocator->isIndexAssigned( hwIndex.value(), Vix::vixType< "

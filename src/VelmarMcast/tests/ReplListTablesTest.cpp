@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <map>
+#include <random>
 #include <set>
 #include <vector>
 
@@ -579,6 +580,55 @@ TEST_F(ReplListTablesTest, EntryHeldBackThenWontProgramIsProgrammedWhenCommitted
    EXPECT_EQ(eh->entryState(), State::success);
    EXPECT_EQ(validEntries(l2Hw_), 1u);
    EXPECT_EQ(l2_->swKeyFromHwIndex(eh->hwIndex()), e);
+}
+
+TEST_F(ReplListTablesTest, NoChipContentsStopARestartOrLeaveAnIndexBehind) {
+   // Verify that whatever the memories hold (entries with random links, loops, chains into
+   // junk or past the table, words no entry could have), a restart syncs, replays, ends and
+   // purges without an error, and the allocator ends holding nothing but index 0.
+   std::mt19937 engine(2024);
+   auto rng = [&engine] { return static_cast<std::uint32_t>(engine()); };
+   for (int round = 0; round < 20; ++round) {
+      for (Asic::Index index = 1; index < 200; ++index) {
+         const std::uint32_t roll = rng() % 10;
+         if (roll < 3) continue;
+         if (roll == 3) {
+            ReplListFormat::Words junk{};
+            for (auto& word : junk) word = rng();
+            listHw_->entryWrite(index, junk);
+            continue;
+         }
+         ReplListFormat::HwEntry entry;
+         entry.pairs = {{rng() % 64, static_cast<std::uint16_t>(rng() % 32)}};
+         entry.last = rng() % 3 == 0;
+         entry.next = rng() % 4 == 0 ? rng() : rng() % 220;
+         listHw_->entryWrite(index, ReplListFormat::encode(entry));
+         L2SubPortFormat::HwEntry l2;
+         l2.mode = rng() % 4;
+         l2.bitmapWords = {rng(), rng()};
+         l2.last = rng() % 2 == 0;
+         l2.next = rng() % 220;
+         if (roll > 6) l2Hw_->entryWrite(index, L2SubPortFormat::encode(l2));
+      }
+      ASSERT_NO_FATAL_FAILURE(restart());
+      const ListEntry replayed = list({1, 2, 3}, 1);
+      auto eh = lists_->entryCommit(replayed, replayed);
+      Asic::SwTableBase::suggestIndicesToNeededEntryHandle(eh.get(),
+                                                           {Asic::Index(1 + rng() % 199)});
+      lists_->doInitComplete();
+      l2_->doInitComplete();
+      lists_->purgeStaleEntries();
+      l2_->purgeStaleEntries();
+      loop_.runUntilIdle();
+      EXPECT_EQ(eh->entryState(), State::success) << "round " << round;
+      EXPECT_GT(lists_->reconciliationStats()[Status::staleEntryDeleted], 0u) << "round " << round;
+      EXPECT_GT(l2_->reconciliationStats()[Status::staleEntryDeleted], 0u) << "round " << round;
+      EXPECT_EQ(alloc().totalUsedIndices(), 1u + lists_->hwIndices(replayed).size())
+          << "round " << round;
+      lists_->entryRemove(replayed);
+      eh.reset();
+      loop_.runUntilIdle();
+   }
 }
 
 TEST_F(ReplListTablesTest, CleanupOfOneTableReturnsItsIndicesToTheAllocatorTheOtherKeeps) {
