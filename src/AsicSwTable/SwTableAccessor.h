@@ -33,6 +33,7 @@
 #include "Asic/Trace.h"
 #include "Asic/TypeRegistry.h"
 #include "AsicSwTable/SwTable.h"
+#include "AsicSwTable/SwTableIndexPolicy.h"
 #include "AsicSwTable/SwTableTraits.h"
 
 // Engine trace: "<table type> : <operation><text>".
@@ -135,55 +136,14 @@ class SwTableUnresolvedEntryT : public SwTable::UnresolvedEntry {
    Entry entry_;
 };
 
-// The hardware hooks of one table, implemented by the plug-in that knows the chip. A table
-// whose entries occupy one index each gets the single-index forms; a table whose entries
-// state their own block size gets the forms over the entry's vector of indices.
-template <typename T, bool kBlocks = Trait::getBlockSizeDefinedByUser<T>>
-class SwTableUtilHwT;
-
+// The hardware hooks of one table, implemented by the plug-in that knows the chip, in the
+// shape its index policy gives them.
 template <typename T>
-class SwTableUtilHwT<T, false> : public SwTable::Util {
+class SwTableUtilT : public T::Traits::IndexPolicy::template UtilBase<T> {
+   using Base = typename T::Traits::IndexPolicy::template UtilBase<T>;
+
  public:
-   using Util::Util;
-   using Key = typename T::Key;
-   using Entry = typename T::Entry;
-
-   // Writes the key's resolved value at the index; an empty value clears the entry.
-   virtual void hwTableEntryIs(T& table, Index hwIndex, const Key& key) = 0;
-   // Removes the entry at the index.
-   virtual void hwTableEntryDel(T& table, Index hwIndex) = 0;
-   // True when the hardware entry at the index equals `entry`.
-   virtual bool compareHwEntries(T& table, Index hwIndex, const Entry& entry) = 0;
-   // Reads every valid hardware entry into the table's synced entries.
-   virtual void syncEntries(HwTable* hwTable, T& table) = 0;
-};
-
-template <typename T>
-class SwTableUtilHwT<T, true> : public SwTable::Util {
- public:
-   using Util::Util;
-   using Key = typename T::Key;
-   using Entry = typename T::Entry;
-
-   // Writes the key's resolved value over its indices, in order (the first is the one
-   // dependents name); an empty value clears them.
-   virtual void hwTableEntryIs(T& table, const std::vector<Index>& hwIndices, const Key& key) = 0;
-   // Removes the entries at the indices.
-   virtual void hwTableEntryDel(T& table, const std::vector<Index>& hwIndices) = 0;
-   // True when the hardware entry that starts at `hwIndex` equals `entry`.
-   virtual bool compareHwEntries(T& table, Index hwIndex, const Entry& entry) = 0;
-   // Reads every valid hardware entry into the table's synced entries, one record per
-   // entry, at its first index.
-   virtual void syncEntries(HwTable* hwTable, T& table) = 0;
-   // The index that follows `hwIndex` within one entry's indices, as the hardware records
-   // it; invalidIndex after the last.
-   virtual Index getNextHwIndex(T& table, Index hwIndex) const = 0;
-};
-
-template <typename T>
-class SwTableUtilT : public SwTableUtilHwT<T> {
- public:
-   using SwTableUtilHwT<T>::SwTableUtilHwT;
+   using Base::Base;
 
    // Refuses, before anything changes, a value this chip cannot hold (throws
    // std::invalid_argument naming what does not fit).
@@ -209,6 +169,13 @@ class SwTable::Accessor {
    using EntryType = SwTable::EntryHandle::EntryType;
    using State = SwTableBase::EntryState;
    using Status = SwTable::ReconciliationStatus;
+   using Table = T;
+   using Policy = typename T::Traits::IndexPolicy;
+   using Indices = typename Policy::Indices;
+   friend Policy;
+   static_assert(Policy::template fits<T>,
+                 "the table's IndexPolicy does not fit its traits: entries that state a block "
+                 "size (getBlockSizeDefinedByUser) take a block policy, others OneIndex");
 
    explicit Accessor(T* swTable) noexcept : swTable_(swTable) {}
 
@@ -352,18 +319,10 @@ class SwTable::Accessor {
       }
       const auto* resolved = swTable_->resolvedEntry(key);
       const bool hasValue = resolved && resolved->has_value();
-      std::vector<Index> hwIndices;
-      if (hasValue) {
-         if constexpr (Trait::getBlockSizeDefinedByUser<T>) {
-            hwIndices = allocator()->newIndicesForKey(keyType(), &key, (**resolved).getBlockSize(),
-                                                      allocatorUser());
-         } else {
-            hwIndices = {allocator()->newIndexForKey(keyType(), &key, allocatorUser())};
-         }
-      } else {
-         hwIndices = doRetrieveHwIndices(key);  // withdrawing a value never needs new indices
-      }
-      const Index hwIndex = hwIndices.empty() ? invalidIndex : hwIndices.front();
+      // Withdrawing a value never needs new indices.
+      const Indices hwIndices =
+          hasValue ? Policy::acquire(*this, key, **resolved) : Policy::retrieve(*this, key);
+      const Index hwIndex = Policy::first(hwIndices);
       traceHwIndex(hwIndices);
       if (Util* util = swTable_->utilIfExists()) {
          if (isExhausted(hwIndex)) {
@@ -384,20 +343,12 @@ class SwTable::Accessor {
       doCompleteEntryHandleForTesting(key);
    }
 
-   void traceHwIndex(const std::vector<Index>& hwIndices) {
-      if constexpr (Trait::getBlockSizeDefinedByUser<T>) {
-         SWT_TRACE(8, "traceHwIndex", "Acquired hwIndex vector starting :{}, size:{}",
-                   hwIndices.empty() ? invalidIndex : hwIndices.front(), hwIndices.size());
-      } else {
-         SWT_TRACE(8, "traceHwIndex", " Acquired hwIndex : {}",
-                   hwIndices.empty() ? invalidIndex : hwIndices.front());
-      }
-   }
+   void traceHwIndex(const Indices& hwIndices) { Policy::traceAcquired(*this, hwIndices); }
 
    // Writes the key's value (or clears it, when it has none) at its indices.
-   void hwTableEntryIs(Util* util, const Key& key, const std::vector<Index>& hwIndices) {
-      if (!util || hwIndices.empty() || isExhausted(hwIndices.front())) return;
-      const Index hwIndex = hwIndices.front();
+   void hwTableEntryIs(Util* util, const Key& key, const Indices& hwIndices) {
+      const Index hwIndex = Policy::first(hwIndices);
+      if (!util || isExhausted(hwIndex)) return;
       const auto* resolved = swTable_->resolvedEntry(key);
       const bool hasValue = resolved && resolved->has_value();
       const bool alreadyInHw = swTable_->reconciledIndex() && swTable_->syncedEntry(hwIndex);
@@ -418,9 +369,9 @@ class SwTable::Accessor {
             op = IndexUserTracker::releasedByDelete;
          }
          if (op) {
-            for (Index index : hwIndices) {
+            Policy::forEach(hwIndices, [&](Index index) {
                util->updateHwIndexRefCountTracker(swTable_->hwTable(), index, *op);
-            }
+            });
          }
       }
       EntryHandle* eh = swTable_->entryHandle(key);
@@ -430,11 +381,7 @@ class SwTable::Accessor {
       {
          WriteResponseSm::WriteContext context(
              awaitResponse ? swTable_->writeResponseSm() : nullptr, eh);
-         if constexpr (Trait::getBlockSizeDefinedByUser<T>) {
-            util->hwTableEntryIs(*swTable_, hwIndices, key);
-         } else {
-            util->hwTableEntryIs(*swTable_, hwIndex, key);
-         }
+         Policy::write(*util, *swTable_, hwIndices, key);
       }
       // Without write responses the write is done when the call returns.
       if (eh && !swTable_->hwResponseNeeded() && !Detail::publishEntryHandleProgrammedState()) {
@@ -442,22 +389,18 @@ class SwTable::Accessor {
       }
    }
 
-   void hwTableEntryDel(Util* util, const Key& key, const std::vector<Index>& hwIndices) {
-      if (hwIndices.empty() || isExhausted(hwIndices.front())) {
+   void hwTableEntryDel(Util* util, const Key& key, const Indices& hwIndices) {
+      if (isExhausted(Policy::first(hwIndices))) {
          SWT_TRACE(8, "hwTableEntryDel", "No entry in HwTable for this key. Skip delete");
          return;
       }
       SWT_TRACE(8, "hwTableEntryDel", ": Deleting entry at key:{}", key);
       if (util) {
-         for (Index index : hwIndices) {
+         Policy::forEach(hwIndices, [&](Index index) {
             util->updateHwIndexRefCountTracker(swTable_->hwTable(), index,
                                                IndexUserTracker::released);
-         }
-         if constexpr (Trait::getBlockSizeDefinedByUser<T>) {
-            util->hwTableEntryDel(*swTable_, hwIndices);
-         } else {
-            util->hwTableEntryDel(*swTable_, hwIndices.front());
-         }
+         });
+         Policy::del(*util, *swTable_, hwIndices);
       }
       if (auto* alloc = swTable_->indexAllocator()) {
          alloc->releaseIndexFromTable(keyType(), &key, allocatorUser());
@@ -472,17 +415,8 @@ class SwTable::Accessor {
       if (const EntryHandle* eh = swTable_->entryHandle(key)) return eh->hwIndex();
       return std::nullopt;
    }
-   // Every index the key holds, first one first (one for single-index tables).
-   std::vector<Index> doRetrieveHwIndices(const Key& key) const {
-      if constexpr (Trait::getBlockSizeDefinedByUser<T>) {
-         if (auto* alloc = swTable_->indexAllocator()) {
-            auto indices = alloc->indicesForKey(keyType(), &key);
-            if (!indices.empty()) return indices;
-         }
-      }
-      if (auto index = doRetrieveHwIndex(key)) return {*index};
-      return {};
-   }
+   // Every index the key holds, first one first.
+   Indices doRetrieveHwIndices(const Key& key) const { return Policy::retrieve(*this, key); }
 
    void handleEntryState(EntryHandle* eh, const Key& key) {
       const State state = eh->entryState();
@@ -700,33 +634,7 @@ class SwTable::Accessor {
       Util* util = swTable_->utilIfExists();
       if (!util) return;
       util->syncEntries(swTable_->hwTable(), *swTable_);
-      if constexpr (Trait::getBlockSizeDefinedByUser<T>) holdSyncedIndices(*util);
-   }
-
-   // Until the purge, no new entry may be given an index that a stale entry still occupies:
-   // each record's indices (its hardware links, as far as they lead to indices no earlier
-   // record claimed and nothing else owns) are held, and kept with the record. A record whose
-   // first index is already in use (reserved, or another record's, of this table or of one
-   // sharing the allocator) keeps no index: the purge only takes it out of this memory.
-   void holdSyncedIndices(Util& util) requires(Trait::getBlockSizeDefinedByUser<T>) {
-      GenericIndexAllocator* alloc = allocator();
-      for (const auto& [hwIndex, entry] : swTable_->syncedEntries()) {
-         std::vector<Index> indices;
-         const std::uint32_t bound = swTable_->numEntries();
-         for (Index index = hwIndex; !isExhausted(index) && indices.size() < bound;) {
-            if (!alloc->holdIndex(index)) break;  // a loop, another record's, reserved or owned
-            indices.push_back(index);
-            try {
-               index = util.getNextHwIndex(*swTable_, index);
-            } catch (const std::exception&) {
-               break;  // a link the chip cannot follow ends the entry
-            }
-         }
-         if (indices.empty()) {
-            SWT_TRACE(0, "syncEntries", ": hwEntry at index:{} is on an index in use", hwIndex);
-         }
-         swTable_->syncedIndicesIs(hwIndex, std::move(indices));
-      }
+      Policy::synced(*this, *util);
    }
 
    Status reconcileSyncedEntry(const Key& key) {
@@ -745,72 +653,10 @@ class SwTable::Accessor {
                  : Status::indexReconciledContentsDiffer;
    }
 
+   // The one place a hardware index is taken over at a restart (the policy knows how).
    bool reconcileUsingHwIndex(const Key& key, Index hwIndex,
-                              bool compareHw) requires(!Trait::hasRemoteAllocator<T> &&
-                                                       Trait::getBlockSizeDefinedByUser<T>) {
-      const bool owned = !allocator()->keyForIndex(hwIndex, keyType()).empty();
-      if constexpr (Trait::suggestedIndexMustBeFree<T>) {
-         ASIC_ASSERT_TEXT(
-             !owned, "!allocator->isIndexAssigned( hwIndex, Vix::vixType< EntryKeyT >() )", "");
-      }
-      if (owned) {
-         SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} not free", hwIndex);
-         return false;
-      }
-      // Only a hardware entry that sync found, and holds for this table, can be taken over.
-      const std::vector<Index>* indices = swTable_->syncedIndices(hwIndex);
-      if (!indices) {
-         SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} holds no synced entry", hwIndex);
-         return false;
-      }
-      if (indices->empty()) {
-         SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} not free", hwIndex);
-         return false;
-      }
-      const auto* resolved = swTable_->resolvedEntry(key);
-      ASIC_ASSERT_TEXT(resolved && resolved->has_value(), "resolvedEntry", "no resolved entry");
-      const Entry& entry = **resolved;
-      Util* util = swTable_->utilIfExists();
-      if (!util) return false;
-      const std::uint32_t blockSize = entry.getBlockSize();
-      // A hardware entry of another length cannot take this value in place.
-      if (indices->size() != blockSize) {
-         SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} holds {} entries, key needs {}", hwIndex,
-                   indices->size(), blockSize);
-         return false;
-      }
-      if (compareHw && !util->compareHwEntries(*swTable_, hwIndex, entry)) return false;
-      const bool recovered =
-          allocator()->recoverIndicesForKey(*indices, keyType(), &key, allocatorUser());
-      ASIC_ASSERT_TEXT(recovered,
-                       "swTable_->indexAllocator()->recoverIndicesForKey( hwIndices, vixType< "
-                       "EntryKeyT >(), &key )",
-                       "");
-      return true;
-   }
-
-   bool reconcileUsingHwIndex(const Key& key, Index hwIndex,
-                              bool compareHw) requires(!Trait::hasRemoteAllocator<T> &&
-                                                       !Trait::getBlockSizeDefinedByUser<T>) {
-      if (!allocator()->keyForIndex(hwIndex, keyType()).empty() ||
-          !allocator()->isIndexFree(hwIndex)) {
-         SWT_TRACE(8, "reconcileUsingHwIndex", ": Index:{} not free", hwIndex);
-         return false;
-      }
-      const auto* resolved = swTable_->resolvedEntry(key);
-      ASIC_ASSERT_TEXT(resolved && resolved->has_value(), "resolvedEntry", "no resolved entry");
-      const Entry entry = **resolved;
-      if (compareHw) {
-         Util* util = swTable_->utilIfExists();
-         if (!util || !util->compareHwEntries(*swTable_, hwIndex, entry)) return false;
-      }
-      const bool recovered =
-          allocator()->recoverIndexForKey(hwIndex, keyType(), &key, allocatorUser());
-      ASIC_ASSERT_TEXT(recovered,
-                       "swTable_->indexAllocator()->recoverIndexForKey( hwIndex, vixType< "
-                       "EntryKeyT >(), &key )",
-                       "");
-      return true;
+                              bool compareHw) requires(!Trait::hasRemoteAllocator<T>) {
+      return Policy::recover(*this, key, hwIndex, compareHw);
    }
 
    Index reconcileUsingIndexHelper(const Key& key, bool compareHw) {
@@ -961,71 +807,7 @@ class SwTable::Accessor {
       swTable_->syncedEntryDelAll();
    }
 
-   // Each stale record stands for all the indices of its hardware entry, as sync held them:
-   // they are deleted and freed together.
-   void handleStaleEntries() requires(
-       Trait::isUnknownIndexTable<T>&& Trait::getBlockSizeDefinedByUser<T>) {
-      Util* util = swTable_->utilIfExists();
-      GenericIndexAllocator* alloc = allocator();
-      for (const auto& [hwIndex, entry] : swTable_->syncedEntries()) {
-         const std::vector<Index>* indices = swTable_->syncedIndices(hwIndex);
-         if (!indices) continue;
-         if (indices->empty()) {
-            // On an index in use elsewhere: only this memory's entry goes.
-            util->hwTableEntryDel(*swTable_, std::vector<Index>{hwIndex});
-            SWT_TRACE(8, "handleStaleEntries", ": Deleting stale hwEntry at index:{}, size:0",
-                      hwIndex);
-            swTable_->updateStatistic(Status::staleEntryDeleted);
-            continue;
-         }
-         for (Index index : *indices) {
-            ASIC_ASSERT_TEXT(!alloc->isIndexAssigned(index, keyType()),
-                             "!allocator->isIndexAssigned( hwIndex.value(), Vix::vixType< "
-                             "EntryKeyT >() )",
-                             "");
-            util->updateHwIndexRefCountTracker(swTable_->hwTable(), index,
-                                               IndexUserTracker::released);
-         }
-         util->hwTableEntryDel(*swTable_, *indices);
-         SWT_TRACE(8, "handleStaleEntries", ": Deleting stale hwEntry at index:{}, size:{}",
-                   hwIndex, indices->size());
-         swTable_->updateStatistic(Status::staleEntryDeleted);
-         SWT_TRACE(8, "handleStaleEntries", ": Marking index available in allocator");
-         for (Index index : *indices) {
-            if (alloc->isIndexHeld(index)) alloc->markIndexAvailable(index, keyType());
-         }
-      }
-   }
-
-   // "Assigned" is owned by a key of this table (see ownsIndex): an index that only a neighbour
-   // sharing the allocator uses (the IPMC lookup's group) is vertically shared, so the stale entry
-   // goes and the index stays with the neighbour.
-   void handleStaleEntries() requires(Trait::isUnknownIndexTable<T> &&
-                                      !Trait::getBlockSizeDefinedByUser<T>) {
-      Util* util = swTable_->utilIfExists();
-      GenericIndexAllocator* alloc = allocator();
-      for (const auto& [hwIndex, entry] : swTable_->syncedEntries()) {
-         util->updateHwIndexRefCountTracker(swTable_->hwTable(), hwIndex,
-                                            IndexUserTracker::released);
-         const bool assigned = alloc->isIndexAssigned(hwIndex, keyType());
-         const bool ownedHere = assigned && ownsIndex(*alloc, hwIndex);
-         if (!ownedHere || alloc->isIndexVerticallyShared(hwIndex, keyType())) {
-            util->hwTableEntryDel(*swTable_, hwIndex);
-            SWT_TRACE(8, "handleStaleEntries", ": Deleting stale hwEntry at index:{}", hwIndex);
-            swTable_->updateStatistic(Status::staleEntryDeleted);
-            if (!assigned) {
-               SWT_TRACE(8, "handleStaleEntries", ": Marking index available in allocator");
-               alloc->markIndexAvailable(hwIndex, keyType());
-            }
-         } else {
-            SWT_TRACE(8, "handleStaleEntries", " Skip index:{}", hwIndex);
-            const GenericValue owner = alloc->keyForIndex(hwIndex, keyType());
-            if (const Key* key = owner.template get<Key>()) {
-               swTable_->skippedStaleEntryIs(hwIndex, *key);
-            }
-         }
-      }
-   }
+   void handleStaleEntries() requires(Trait::isUnknownIndexTable<T>) { Policy::purge(*this); }
 
    void entryRemoveAll() {
       Kestrel::record(T::kTypeName.data(), "entryRemoveAll");
@@ -1250,11 +1032,7 @@ class SwTable::Accessor {
       if (!util) return;
       SWT_TRACE(8, "cleanup", ": Deleting stale hwEntry at index:{}", index);
       util->updateHwIndexRefCountTracker(swTable_->hwTable(), index, IndexUserTracker::released);
-      if constexpr (Trait::getBlockSizeDefinedByUser<T>) {
-         util->hwTableEntryDel(*swTable_, std::vector<Index>{index});
-      } else {
-         util->hwTableEntryDel(*swTable_, index);
-      }
+      Policy::del(*util, *swTable_, Policy::of(index));
    }
 
    T* swTable_;  // not owned

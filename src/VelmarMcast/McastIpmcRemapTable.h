@@ -67,6 +67,7 @@ class IngIpmcRemapTable : public Asic::SwTableImpl<IngIpmcRemapTable, VelmarL3Co
    static constexpr std::string_view kTypeName = "VelmarMcast::IngIpmcRemapTable";
    using SharedAllocator = VelmarL3Common::L3IpmcSharedAllocator;
    struct Traits {
+      using IndexPolicy = Asic::IndexPolicy::OneIndex;
       static constexpr bool isUnknownIndexTable = true;
       static constexpr bool hasRemoteAllocator = false;
       static constexpr bool getBlockSizeDefinedByUser = false;

@@ -24,6 +24,7 @@ class MmuReplListL2SubPortTable
    static constexpr std::string_view kTypeName = "VelmarMcast::MmuReplListL2SubPortTable";
    using SharedAllocator = MmuReplListSharedAllocator;
    struct Traits {
+      using IndexPolicy = Asic::IndexPolicy::ScatteredBlock;
       static constexpr bool isUnknownIndexTable = true;
       static constexpr bool hasRemoteAllocator = false;
       static constexpr bool getBlockSizeDefinedByUser = true;

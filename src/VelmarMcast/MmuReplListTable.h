@@ -49,6 +49,7 @@ class MmuReplListTable : public Asic::SwTableImpl<MmuReplListTable, MmuReplListT
    static constexpr std::string_view kTypeName = "VelmarMcast::MmuReplListTable";
    using SharedAllocator = MmuReplListSharedAllocator;
    struct Traits {
+      using IndexPolicy = Asic::IndexPolicy::ScatteredBlock;
       static constexpr bool isUnknownIndexTable = true;
       static constexpr bool hasRemoteAllocator = false;
       static constexpr bool getBlockSizeDefinedByUser = true;

@@ -1,0 +1,338 @@
+#pragma once
+// How a table's keys map to hardware indices: one small policy per kind, which a table
+// selects in its traits (`using IndexPolicy = Asic::IndexPolicy::OneIndex;`). A policy
+// acquires a key's indices for programming and retrieves the ones it holds, gives the shape
+// of the Util's write and delete calls and of the Util itself, traces what it acquired, takes
+// over a synced entry's indices at a restart and purges the stale ones. The engine
+// (SwTable::Accessor) calls the policy and never asks which kind a table is.
+//
+// The policies' functions take the table's accessor (`a`), of which they are friends.
+
+#include <cstddef>
+#include <exception>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "Asic/Assert.h"
+#include "Asic/IndexAllocator.h"
+#include "Asic/IndexUserTracker.h"
+#include "Asic/Trace.h"
+#include "Asic/Types.h"
+#include "AsicSwTable/SwTable.h"
+#include "AsicSwTable/SwTableTraits.h"
+
+// Engine trace from a policy: "<table type> : <operation><text>".
+#define SWT_POLICY_TRACE(a, level, op, text, ...)                        \
+   ASIC_TRACE(std::decay_t<decltype(a)>::trace(), level, "{} : {}" text, \
+              std::decay_t<decltype(a)>::Table::kTypeName, op __VA_OPT__(, ) __VA_ARGS__)
+
+namespace Asic {
+
+// The chip's side of a table whose keys take one index each.
+template <typename T>
+class SwTableUtilOneIndexT : public SwTable::Util {
+ public:
+   using Util::Util;
+   using Key = typename T::Key;
+   using Entry = typename T::Entry;
+
+   // Writes the key's resolved value at the index; an empty value clears the entry.
+   virtual void hwTableEntryIs(T& table, Index hwIndex, const Key& key) = 0;
+   // Removes the entry at the index.
+   virtual void hwTableEntryDel(T& table, Index hwIndex) = 0;
+   // True when the hardware entry at the index equals `entry`.
+   virtual bool compareHwEntries(T& table, Index hwIndex, const Entry& entry) = 0;
+   // Reads every valid hardware entry into the table's synced entries.
+   virtual void syncEntries(HwTable* hwTable, T& table) = 0;
+};
+
+// The chip's side of a table whose keys take a block of indices each.
+template <typename T>
+class SwTableUtilBlockT : public SwTable::Util {
+ public:
+   using Util::Util;
+   using Key = typename T::Key;
+   using Entry = typename T::Entry;
+
+   // Writes the key's resolved value over its indices, in order (the first is the one
+   // dependents name); an empty value clears them.
+   virtual void hwTableEntryIs(T& table, const std::vector<Index>& hwIndices, const Key& key) = 0;
+   // Removes the entries at the indices.
+   virtual void hwTableEntryDel(T& table, const std::vector<Index>& hwIndices) = 0;
+   // True when the hardware entry that starts at `hwIndex` equals `entry`.
+   virtual bool compareHwEntries(T& table, Index hwIndex, const Entry& entry) = 0;
+   // Reads every valid hardware entry into the table's synced entries, one record per
+   // entry, at its first index.
+   virtual void syncEntries(HwTable* hwTable, T& table) = 0;
+   // The index that follows `hwIndex` within one entry's indices, as the hardware records
+   // it; invalidIndex after the last.
+   virtual Index getNextHwIndex(T& table, Index hwIndex) const = 0;
+};
+
+namespace IndexPolicy {
+
+// One index per key, the lowest free one of the allocator (the IPMC remap table).
+struct OneIndex {
+   using Indices = Index;  // held inline: programming a key allocates nothing
+   // A table whose entries state a block size needs a block policy.
+   template <typename T>
+   static constexpr bool fits = !Trait::getBlockSizeDefinedByUser<T>;
+   template <typename T>
+   using UtilBase = SwTableUtilOneIndexT<T>;
+
+   static Index first(Index index) noexcept { return index; }
+   static Index of(Index index) noexcept { return index; }
+   template <typename F>
+   static void forEach(Index index, F&& fn) {
+      fn(index);
+   }
+
+   template <typename A>
+   static Index acquire(A& a, const typename A::Key& key, const typename A::Entry&) {
+      return a.allocator()->newIndexForKey(A::keyType(), &key, a.allocatorUser());
+   }
+   template <typename A>
+   static Index retrieve(const A& a, const typename A::Key& key) {
+      return a.doRetrieveHwIndex(key).value_or(invalidIndex);
+   }
+   template <typename A>
+   static void traceAcquired(const A& a, Index index) {
+      SWT_POLICY_TRACE(a, 8, "traceHwIndex", " Acquired hwIndex : {}", index);
+   }
+   template <typename U, typename T, typename K>
+   static void write(U& util, T& table, Index index, const K& key) {
+      util.hwTableEntryIs(table, index, key);
+   }
+   template <typename U, typename T>
+   static void del(U& util, T& table, Index index) {
+      util.hwTableEntryDel(table, index);
+   }
+
+   // Sync keeps nothing beyond the records: a key's index is the allocator's to recover.
+   template <typename A>
+   static void synced(A&, typename A::Util&) {}
+
+   // Takes over the index for the key, if no key owns it (and, with compareHw, the hardware
+   // entry there is the key's value).
+   template <typename A>
+   static bool recover(A& a, const typename A::Key& key, Index hwIndex, bool compareHw) {
+      GenericIndexAllocator* alloc = a.allocator();
+      if (!alloc->keyForIndex(hwIndex, A::keyType()).empty() || !alloc->isIndexFree(hwIndex)) {
+         SWT_POLICY_TRACE(a, 8, "reconcileUsingHwIndex", ": Index:{} not free", hwIndex);
+         return false;
+      }
+      const auto* resolved = a.swTable_->resolvedEntry(key);
+      ASIC_ASSERT_TEXT(resolved && resolved->has_value(), "resolvedEntry", "no resolved entry");
+      if (compareHw) {
+         auto* util = a.swTable_->utilIfExists();
+         if (!util || !util->compareHwEntries(*a.swTable_, hwIndex, **resolved)) return false;
+      }
+      const bool recovered =
+          alloc->recoverIndexForKey(hwIndex, A::keyType(), &key, a.allocatorUser());
+      ASIC_ASSERT_TEXT(recovered,
+                       "swTable_->indexAllocator()->recoverIndexForKey( hwIndex, vixType< "
+                       "EntryKeyT >(), &key )",
+                       "");
+      return true;
+   }
+
+   // "Assigned" is owned by a key of this table (see the accessor's ownsIndex): an index that
+   // only a neighbour sharing the allocator uses (the IPMC lookup's group) is vertically
+   // shared, so the stale entry goes and the index stays with the neighbour.
+   template <typename A>
+   static void purge(A& a) {
+      using Status = SwTable::ReconciliationStatus;
+      auto* util = a.swTable_->utilIfExists();
+      GenericIndexAllocator* alloc = a.allocator();
+      for (const auto& [hwIndex, entry] : a.swTable_->syncedEntries()) {
+         util->updateHwIndexRefCountTracker(a.swTable_->hwTable(), hwIndex,
+                                            IndexUserTracker::released);
+         const bool assigned = alloc->isIndexAssigned(hwIndex, A::keyType());
+         const bool ownedHere = assigned && a.ownsIndex(*alloc, hwIndex);
+         if (!ownedHere || alloc->isIndexVerticallyShared(hwIndex, A::keyType())) {
+            util->hwTableEntryDel(*a.swTable_, hwIndex);
+            SWT_POLICY_TRACE(a, 8, "handleStaleEntries", ": Deleting stale hwEntry at index:{}",
+                             hwIndex);
+            a.swTable_->updateStatistic(Status::staleEntryDeleted);
+            if (!assigned) {
+               SWT_POLICY_TRACE(a, 8, "handleStaleEntries",
+                                ": Marking index available in allocator");
+               alloc->markIndexAvailable(hwIndex, A::keyType());
+            }
+         } else {
+            SWT_POLICY_TRACE(a, 8, "handleStaleEntries", " Skip index:{}", hwIndex);
+            const GenericValue owner = alloc->keyForIndex(hwIndex, A::keyType());
+            if (const auto* key = owner.template get<typename A::Key>()) {
+               a.swTable_->skippedStaleEntryIs(hwIndex, *key);
+            }
+         }
+      }
+   }
+};
+
+// A block of indices per key, as many as the key's value states (Entry::getBlockSize()),
+// scattered wherever the allocator has them (the replication list and L2 sub-port tables).
+struct ScatteredBlock {
+   using Indices = std::vector<Index>;
+   template <typename T>
+   static constexpr bool fits = Trait::getBlockSizeDefinedByUser<T>;
+   template <typename T>
+   using UtilBase = SwTableUtilBlockT<T>;
+
+   static Index first(const Indices& indices) noexcept {
+      return indices.empty() ? invalidIndex : indices.front();
+   }
+   static Indices of(Index index) { return Indices{index}; }
+   template <typename F>
+   static void forEach(const Indices& indices, F&& fn) {
+      for (Index index : indices) fn(index);
+   }
+
+   template <typename A>
+   static Indices acquire(A& a, const typename A::Key& key, const typename A::Entry& value) {
+      return a.allocator()->newIndicesForKey(A::keyType(), &key, value.getBlockSize(),
+                                             a.allocatorUser());
+   }
+   template <typename A>
+   static Indices retrieve(const A& a, const typename A::Key& key) {
+      if (auto* alloc = a.swTable_->indexAllocator()) {
+         auto indices = alloc->indicesForKey(A::keyType(), &key);
+         if (!indices.empty()) return indices;
+      }
+      if (auto index = a.doRetrieveHwIndex(key)) return Indices{*index};
+      return {};
+   }
+   template <typename A>
+   static void traceAcquired(const A& a, const Indices& indices) {
+      SWT_POLICY_TRACE(a, 8, "traceHwIndex", "Acquired hwIndex vector starting :{}, size:{}",
+                       first(indices), indices.size());
+   }
+   template <typename U, typename T, typename K>
+   static void write(U& util, T& table, const Indices& indices, const K& key) {
+      util.hwTableEntryIs(table, indices, key);
+   }
+   template <typename U, typename T>
+   static void del(U& util, T& table, const Indices& indices) {
+      util.hwTableEntryDel(table, indices);
+   }
+
+   // Until the purge, no new entry may be given an index that a stale entry still occupies:
+   // each record's indices (its hardware links, as far as they lead to indices no earlier
+   // record claimed and nothing else owns) are held, and kept with the record. A record whose
+   // first index is already in use (reserved, or another record's, of this table or of one
+   // sharing the allocator) keeps no index: the purge only takes it out of this memory.
+   template <typename A>
+   static void synced(A& a, typename A::Util& util) {
+      GenericIndexAllocator* alloc = a.allocator();
+      auto& table = *a.swTable_;
+      for (const auto& [hwIndex, entry] : table.syncedEntries()) {
+         Indices indices;
+         const std::uint32_t bound = table.numEntries();
+         for (Index index = hwIndex; !isExhausted(index) && indices.size() < bound;) {
+            if (!alloc->holdIndex(index)) break;  // a loop, another record's, reserved or owned
+            indices.push_back(index);
+            try {
+               index = util.getNextHwIndex(table, index);
+            } catch (const std::exception&) {
+               break;  // a link the chip cannot follow ends the entry
+            }
+         }
+         if (indices.empty()) {
+            SWT_POLICY_TRACE(a, 0, "syncEntries", ": hwEntry at index:{} is on an index in use",
+                             hwIndex);
+         }
+         table.syncedIndicesIs(hwIndex, std::move(indices));
+      }
+   }
+
+   // Takes over the indices sync held for the record at `hwIndex`, if no key owns that index,
+   // the hardware entry has the key's length and (with compareHw) is the key's value.
+   template <typename A>
+   static bool recover(A& a, const typename A::Key& key, Index hwIndex, bool compareHw) {
+      using T = typename A::Table;
+      auto& table = *a.swTable_;
+      const bool owned = !a.allocator()->keyForIndex(hwIndex, A::keyType()).empty();
+      if constexpr (Trait::suggestedIndexMustBeFree<T>) {
+         ASIC_ASSERT_TEXT(
+             !owned, "!allocator->isIndexAssigned( hwIndex, Vix::vixType< EntryKeyT >() )", "");
+      }
+      if (owned) {
+         SWT_POLICY_TRACE(a, 8, "reconcileUsingHwIndex", ": Index:{} not free", hwIndex);
+         return false;
+      }
+      // Only a hardware entry that sync found, and holds for this table, can be taken over.
+      const Indices* indices = table.syncedIndices(hwIndex);
+      if (!indices) {
+         SWT_POLICY_TRACE(a, 8, "reconcileUsingHwIndex", ": Index:{} holds no synced entry",
+                          hwIndex);
+         return false;
+      }
+      if (indices->empty()) {
+         SWT_POLICY_TRACE(a, 8, "reconcileUsingHwIndex", ": Index:{} not free", hwIndex);
+         return false;
+      }
+      const auto* resolved = table.resolvedEntry(key);
+      ASIC_ASSERT_TEXT(resolved && resolved->has_value(), "resolvedEntry", "no resolved entry");
+      const auto& entry = **resolved;
+      auto* util = table.utilIfExists();
+      if (!util) return false;
+      const std::uint32_t blockSize = entry.getBlockSize();
+      // A hardware entry of another length cannot take this value in place.
+      if (indices->size() != blockSize) {
+         SWT_POLICY_TRACE(a, 8, "reconcileUsingHwIndex",
+                          ": Index:{} holds {} entries, key needs {}", hwIndex, indices->size(),
+                          blockSize);
+         return false;
+      }
+      if (compareHw && !util->compareHwEntries(table, hwIndex, entry)) return false;
+      const bool recovered =
+          a.allocator()->recoverIndicesForKey(*indices, A::keyType(), &key, a.allocatorUser());
+      ASIC_ASSERT_TEXT(recovered,
+                       "swTable_->indexAllocator()->recoverIndicesForKey( hwIndices, vixType< "
+                       "EntryKeyT >(), &key )",
+                       "");
+      return true;
+   }
+
+   // Each stale record stands for all the indices of its hardware entry, as sync held them:
+   // they are deleted and freed together.
+   template <typename A>
+   static void purge(A& a) {
+      using Status = SwTable::ReconciliationStatus;
+      auto& table = *a.swTable_;
+      auto* util = table.utilIfExists();
+      GenericIndexAllocator* alloc = a.allocator();
+      for (const auto& [hwIndex, entry] : table.syncedEntries()) {
+         const Indices* indices = table.syncedIndices(hwIndex);
+         if (!indices) continue;
+         if (indices->empty()) {
+            // On an index in use elsewhere: only this memory's entry goes.
+            util->hwTableEntryDel(table, of(hwIndex));
+            SWT_POLICY_TRACE(a, 8, "handleStaleEntries",
+                             ": Deleting stale hwEntry at index:{}, size:0", hwIndex);
+            table.updateStatistic(Status::staleEntryDeleted);
+            continue;
+         }
+         for (Index index : *indices) {
+            ASIC_ASSERT_TEXT(!alloc->isIndexAssigned(index, A::keyType()),
+                             "!allocator->isIndexAssigned( hwIndex.value(), Vix::vixType< "
+                             "EntryKeyT >() )",
+                             "");
+            util->updateHwIndexRefCountTracker(table.hwTable(), index, IndexUserTracker::released);
+         }
+         util->hwTableEntryDel(table, *indices);
+         SWT_POLICY_TRACE(a, 8, "handleStaleEntries",
+                          ": Deleting stale hwEntry at index:{}, size:{}", hwIndex,
+                          indices->size());
+         table.updateStatistic(Status::staleEntryDeleted);
+         SWT_POLICY_TRACE(a, 8, "handleStaleEntries", ": Marking index available in allocator");
+         for (Index index : *indices) {
+            if (alloc->isIndexHeld(index)) alloc->markIndexAvailable(index, A::keyType());
+         }
+      }
+   }
+};
+
+}  // namespace IndexPolicy
+}  // namespace Asic
