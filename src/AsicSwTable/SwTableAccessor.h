@@ -173,9 +173,29 @@ class SwTable::Accessor {
    using Policy = typename T::Traits::IndexPolicy;
    using Indices = typename Policy::Indices;
    friend Policy;
+   // The table contract (SwTableTraits.h), part by part.
    static_assert(Policy::template fits<T>,
                  "the table's IndexPolicy does not fit its traits: entries that state a block "
                  "size (getBlockSizeDefinedByUser) take a block policy, others OneIndex");
+   static_assert(
+       Trait::hasDependentFields<T> == Contract::declaresDependentFields<T>,
+       "Traits::hasDependentFields goes with the static hooks forEachNeededEntryHandle, "
+       "resolveDependentFields and forEachDependentField: one is there without the other");
+   static_assert(Trait::hasEntryValidate<T> == Contract::declaresEntryValidate<T>,
+                 "Traits::hasEntryValidate goes with a static entryValidate(const Entry&): one is "
+                 "there without the other");
+   static_assert(Trait::hasResolvedEntryMetaData<T> == Contract::declaresResolvedEntryMetaData<T>,
+                 "Traits::hasResolvedEntryMetaData goes with setResolvedEntryMetaData(const "
+                 "Entry&) const: one is there without the other");
+   static_assert(!Trait::hasRemoteAllocator<T>,
+                 "tables whose indices another agent allocates (hasRemoteAllocator) are not "
+                 "implemented by this engine");
+   static_assert(Trait::tableNeedsDeleteDance<T>,
+                 "this engine always runs the delete dance: tableNeedsDeleteDance = false is not "
+                 "implemented");
+   static_assert(SwTableContract<T>,
+                 "the table does not meet the engine's contract: see SwTableTraits.h for what a "
+                 "table provides (Key, Entry, kTypeName, Util, SharedAllocator, Traits)");
 
    explicit Accessor(T* swTable) noexcept : swTable_(swTable) {}
 
@@ -242,9 +262,11 @@ class SwTable::Accessor {
    }
 
    void initUnresolvedEntry(UnresolvedEntry* ue) {
-      T::forEachNeededEntryHandle(ue->entry(), [ue](const SwTableBase::EntryHandle* needed) {
-         ue->neededEntryHandleSmIs(Ptr<const SwTableBase::EntryHandle>(needed));
-      });
+      if constexpr (Trait::hasDependentFields<T>) {
+         T::forEachNeededEntryHandle(ue->entry(), [ue](const SwTableBase::EntryHandle* needed) {
+            ue->neededEntryHandleSmIs(Ptr<const SwTableBase::EntryHandle>(needed));
+         });
+      }
       // A new value makes earlier suggestions for the key meaningless.
       if (const EntryHandle* eh = swTable_->entryHandle(ue->key())) {
          if (auto* helper = swTable_->indexHelper(eh)) helper->indexDelAll();
@@ -270,10 +292,8 @@ class SwTable::Accessor {
          if (eh) eh->pendingEntryEnq(**resolved);
       }
       Entry value = ue->entry();
-      T::resolveDependentFields(value);
-      if constexpr (requires { swTable_->setResolvedEntryMetaData(value); }) {
-         swTable_->setResolvedEntryMetaData(value);
-      }
+      if constexpr (Trait::hasDependentFields<T>) T::resolveDependentFields(value);
+      if constexpr (Trait::hasResolvedEntryMetaData<T>) swTable_->setResolvedEntryMetaData(value);
       SWT_TRACE(6, "doResolve", ": key:{}", key);
       bool changed = setResolvedEntry(key, std::move(value));
       swTable_->unresolvedEntryDel(key);
@@ -732,12 +752,12 @@ class SwTable::Accessor {
    void suggestIndexToNeededTable(const Entry& swEntry, const Entry& syncedEntry) {
       SWT_TRACE(8, "suggestIndexToNeededTable", ": swEntry:{}, syncedEntry:{}", swEntry,
                 syncedEntry);
-      T::forEachDependentField(
-          swEntry, syncedEntry, [](const SwTableBase::EntryHandle* needed, Index value) {
-             if (needed) {
-                SwTableBase::suggestIndicesToNeededEntryHandle(needed, {value});
-             }
-          });
+      if constexpr (Trait::hasDependentFields<T>) {
+         T::forEachDependentField(
+             swEntry, syncedEntry, [](const SwTableBase::EntryHandle* needed, Index value) {
+                if (needed) SwTableBase::suggestIndicesToNeededEntryHandle(needed, {value});
+             });
+      }
    }
 
    // --- end of restart, purge and bulk removal -----------------------------------------
@@ -891,7 +911,7 @@ class SwTable::Accessor {
 
    // A value the table or its chip cannot take is refused before anything changes.
    void entryValidate(const Entry& entry) const {
-      if constexpr (requires { T::entryValidate(entry); }) T::entryValidate(entry);
+      if constexpr (Trait::hasEntryValidate<T>) T::entryValidate(entry);
       if (const Util* util = swTable_->utilIfExists()) util->entryValidate(entry);
    }
 

@@ -1,24 +1,38 @@
 #pragma once
-// Compile-time properties of a table, each selecting one variant of an engine operation.
-// A table opts in by declaring the member in its `Traits` struct; absent means false.
+// The contract between the engine (SwTable::Accessor<T>) and a table T, and the compile-time
+// properties that select variants of engine operations.
 //
-// What a table type T must provide to be driven by SwTable::Accessor<T> (see SwTableEntry
-// concept below for the entry):
-//   T::Key, T::Entry, T::kTypeName (full type name), T::Util (derived from
-//   SwTable::TableUtil<T>), T::SharedAllocator (the allocator type it asks the factory for),
-//   and three static hooks over its dependent fields:
-//     forEachNeededEntryHandle(const Entry&, fn(const SwTableBase::EntryHandle*))
-//     resolveDependentFields(Entry&)  (fills derived fields from the needed handles)
-//     forEachDependentField(const Entry& swEntry, const Entry& syncedEntry,
-//                           fn(const SwTableBase::EntryHandle*, Index syncedValue))
+// What a table must provide (checked by SwTableContract, with a readable message each):
+//   T::Key          copyable, registered with the type system, hashed, formatted
+//   T::Entry        default-constructible, copyable, identity ==, formatted
+//   T::kTypeName    the table's full type name (trace handle, plug-in path, factory)
+//   T::Util         its hardware hooks, derived from SwTableUtilT<T>
+//   T::SharedAllocator   the allocator type the engine asks the shared factory for
+//   T::Traits       isUnknownIndexTable, IndexPolicy (SwTableIndexPolicy.h), and the flags
+//                   below; a trait that is absent is false.
+// Optional hooks, each declared only with its Traits flag (a flag without its hook, or a hook
+// without its flag, is refused, so that a misspelt hook cannot silently do nothing):
+//   hasDependentFields: entries name other tables' entry handles
+//     static forEachNeededEntryHandle(const Entry&, fn(const SwTableBase::EntryHandle*))
+//     static resolveDependentFields(Entry&)   fills derived fields from the needed handles
+//     static forEachDependentField(const Entry& swEntry, const Entry& syncedEntry,
+//                                  fn(const SwTableBase::EntryHandle*, Index syncedValue))
+//   hasEntryValidate: static entryValidate(const Entry&) refuses a value before anything
+//     changes (throws std::invalid_argument naming what is wrong)
+//   hasResolvedEntryMetaData: setResolvedEntryMetaData(const Entry&) const lays out a resolved
+//     value's derived fields before it is stored
+// Traits the engine does not implement are refused: hasRemoteAllocator, and
+// tableNeedsDeleteDance = false.
 
 #include <concepts>
 #include <cstdint>
+#include <string_view>
 
 #include <fmt/format.h>
 
 #include "Asic/SwTableBase.h"
 #include "Asic/TypeRegistry.h"
+#include "Asic/Types.h"
 
 namespace Asic {
 
@@ -71,5 +85,61 @@ concept suggestedIndexMustBeFree = requires {
    requires T::Traits::suggestedIndexMustBeFree;
 };
 
+// Opt-in hooks (see the contract above).
+template <typename T>
+concept hasDependentFields = requires {
+   requires T::Traits::hasDependentFields;
+};
+template <typename T>
+concept hasEntryValidate = requires {
+   requires T::Traits::hasEntryValidate;
+};
+template <typename T>
+concept hasResolvedEntryMetaData = requires {
+   requires T::Traits::hasResolvedEntryMetaData;
+};
+
 }  // namespace Trait
+
+namespace Contract {
+
+struct AnyHandleFn {
+   void operator()(const SwTableBase::EntryHandle*) const {}
+};
+struct AnyFieldFn {
+   void operator()(const SwTableBase::EntryHandle*, Index) const {}
+};
+
+template <typename T>
+concept declaresDependentFields = requires(const typename T::Entry& c, typename T::Entry& e) {
+   T::forEachNeededEntryHandle(c, AnyHandleFn{});
+   T::resolveDependentFields(e);
+   T::forEachDependentField(c, c, AnyFieldFn{});
+};
+template <typename T>
+concept declaresEntryValidate = requires(const typename T::Entry& e) {
+   T::entryValidate(e);
+};
+template <typename T>
+concept declaresResolvedEntryMetaData = requires(const T& t, const typename T::Entry& e) {
+   t.setResolvedEntryMetaData(e);
+};
+
+}  // namespace Contract
+
+// The whole contract; the engine checks its parts one by one for a readable error.
+template <typename T>
+concept SwTableContract = requires {
+   typename T::Key;
+   typename T::Entry;
+   typename T::Util;
+   typename T::SharedAllocator;
+   typename T::Traits::IndexPolicy;
+   { T::kTypeName } -> std::convertible_to<std::string_view>;
+}
+&&SwTableKey<typename T::Key>&& SwTableEntry<typename T::Entry>&& Trait::hasDependentFields<T> ==
+        Contract::declaresDependentFields<T>&& Trait::hasEntryValidate<T> ==
+        Contract::declaresEntryValidate<T>&& Trait::hasResolvedEntryMetaData<T> ==
+        Contract::declaresResolvedEntryMetaData<T> &&
+    !Trait::hasRemoteAllocator<T> && Trait::tableNeedsDeleteDance<T>;
 }  // namespace Asic

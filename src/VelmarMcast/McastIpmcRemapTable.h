@@ -68,6 +68,7 @@ class IngIpmcRemapTable : public Asic::SwTableImpl<IngIpmcRemapTable, VelmarL3Co
    using SharedAllocator = VelmarL3Common::L3IpmcSharedAllocator;
    struct Traits {
       using IndexPolicy = Asic::IndexPolicy::OneIndex;
+      static constexpr bool hasDependentFields = true;
       static constexpr bool isUnknownIndexTable = true;
       static constexpr bool hasRemoteAllocator = false;
       static constexpr bool getBlockSizeDefinedByUser = false;

@@ -39,13 +39,6 @@ class MmuReplListL2SubPortTable
    // entry, so there is nothing to resolve). Throws std::invalid_argument, changing
    // nothing, when the allocator will not give the entry that index.
    Asic::Ptr<const EntryHandle> entryWriteAtIndex(Asic::Index index, const Entry& entry);
-
-   // No dependent fields.
-   template <typename F>
-   static void forEachNeededEntryHandle(const Entry&, F&&) {}
-   static void resolveDependentFields(Entry&) {}
-   template <typename F>
-   static void forEachDependentField(const Entry&, const Entry&, F&&) {}
 };
 
 // Hardware hooks of the L2 sub-port table; the chip's plug-in implements the pure ones.

@@ -50,6 +50,9 @@ class MmuReplListTable : public Asic::SwTableImpl<MmuReplListTable, MmuReplListT
    using SharedAllocator = MmuReplListSharedAllocator;
    struct Traits {
       using IndexPolicy = Asic::IndexPolicy::ScatteredBlock;
+      static constexpr bool hasDependentFields = true;
+      static constexpr bool hasEntryValidate = true;
+      static constexpr bool hasResolvedEntryMetaData = true;
       static constexpr bool isUnknownIndexTable = true;
       static constexpr bool hasRemoteAllocator = false;
       static constexpr bool getBlockSizeDefinedByUser = true;
