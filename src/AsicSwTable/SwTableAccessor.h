@@ -856,13 +856,7 @@ class SwTable::Accessor {
    // from the chip (detachFromChip) leaves the chip as it is, as an exiting agent must.
    void cleanup() {
       SWT_TRACE(6, "cleanup", "");
-      std::vector<Ptr<EntryHandle>> handles;
-      handles.reserve(swTable_->entryHandles().size());
-      for (const auto& [key, eh] : swTable_->entryHandles()) handles.push_back(eh);
-      for (const auto& eh : handles) {
-         eh->swTableIs(nullptr);
-         eh->doAmendReferences();
-      }
+      swTable_->detachHandles();
       swTable_->unresolvedEntryDelAll();
       std::vector<Key> resolved;
       resolved.reserve(swTable_->resolvedEntrys());
@@ -1217,15 +1211,21 @@ class SwTableImpl : public Base {
       this->hwTableIs(nullptr);
    }
 
+   // Each handle still attached lets go of the table and of what it holds of other tables.
+   void detachHandles() {
+      for (auto& [key, eh] : entryHandles_) {
+         if (!eh->swTable()) continue;
+         eh->swTableIs(nullptr);
+         eh->doAmendReferences();
+      }
+   }
+
    // The part of clean-up that touches no hardware: handles detached (clients that still
    // hold one keep a handle of no table), values, synced records and suggestions forgotten,
    // indices still held for stale records and the shared allocator let go of.
    void detachAll() {
-      for (auto& [key, eh] : entryHandles_) {
-         eh->swTableIs(nullptr);
-         eh->doAmendReferences();
-         dropCommitCount(eh.get());
-      }
+      detachHandles();
+      for (auto& [key, eh] : entryHandles_) dropCommitCount(eh.get());
       unresolvedEntryDelAll();
       resolvedEntries_.clear();
       this->indexHelperDelAll();
