@@ -44,42 +44,43 @@ void WriteResponseSm::forgetIfDone(const SwTableBase::EntryHandle* eh, const Out
    if (out.writes == 0 && out.superseded == 0) perHandle_.erase(eh);
 }
 
-void WriteResponseSm::writeCompleted(Ticket ticket, bool ok) {
+WriteResponseSm::Taken WriteResponseSm::take(Ticket ticket) {
+   Taken taken;
    auto it = tickets_.find(ticket);
-   if (it == tickets_.end()) return;  // not ours, or already reported
-   Ptr<SwTableBase::EntryHandle> eh = std::move(it->second);
+   if (it == tickets_.end()) return taken;  // not ours, or already reported
+   taken.eh = std::move(it->second);
    tickets_.erase(it);
-   auto found = perHandle_.find(eh.get());
-   if (found == perHandle_.end()) return;
-   Outstanding& out = found->second;
-   if (ticket < out.newest) {
-      --out.superseded;
-      forgetIfDone(eh.get(), out);
+   auto found = perHandle_.find(taken.eh.get());
+   if (found != perHandle_.end()) taken.out = &found->second;
+   return taken;
+}
+
+void WriteResponseSm::writeCompleted(Ticket ticket, bool ok) {
+   Taken t = take(ticket);
+   if (!t.out) return;
+   if (ticket < t.out->newest) {
+      --t.out->superseded;
+      forgetIfDone(t.eh.get(), *t.out);
       return;
    }
-   out.failed |= !ok;
-   if (--out.writes != 0) return;  // one response covers all writes of one programming
-   const bool failed = out.failed;
-   out.failed = 0;
-   forgetIfDone(eh.get(), out);
-   eh->hwWriteCompleted(!failed);  // `eh` keeps the handle alive for the call
+   t.out->failed |= !ok;
+   if (--t.out->writes != 0) return;  // one response covers all writes of one programming
+   const bool failed = t.out->failed;
+   t.out->failed = 0;
+   forgetIfDone(t.eh.get(), *t.out);
+   t.eh->hwWriteCompleted(!failed);  // `t` keeps the handle alive for the call
 }
 
 void WriteResponseSm::writeWithdrawn(Ticket ticket) {
-   auto it = tickets_.find(ticket);
-   if (it == tickets_.end()) return;
-   Ptr<SwTableBase::EntryHandle> eh = std::move(it->second);
-   tickets_.erase(it);
-   auto found = perHandle_.find(eh.get());
-   if (found == perHandle_.end()) return;
-   Outstanding& out = found->second;
-   if (ticket < out.newest) {
-      --out.superseded;
+   Taken t = take(ticket);
+   if (!t.out) return;
+   if (ticket < t.out->newest) {
+      --t.out->superseded;
    } else {
-      out.failed = 1;
-      --out.writes;
+      t.out->failed = 1;
+      --t.out->writes;
    }
-   forgetIfDone(eh.get(), out);
-}  // `eh` goes last: it may hold the last count of the handle
+   forgetIfDone(t.eh.get(), *t.out);
+}  // `t` goes last: it may hold the last count of the handle
 
 }  // namespace Asic

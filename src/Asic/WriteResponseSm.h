@@ -57,6 +57,12 @@ class WriteResponseSm : public RefCounted {
       std::uint32_t superseded : 31 = 0;  // of older programmings, absorbed when they complete
       std::uint32_t failed : 1 = 0;       // some write of the newest programming failed
    };
+   // The ticket taken out: its handle, and the handle's record (null when none is left).
+   struct Taken {
+      Ptr<SwTableBase::EntryHandle> eh;
+      Outstanding* out = nullptr;
+   };
+   Taken take(Ticket ticket);
    // Drops the handle's record once nothing of it is outstanding.
    void forgetIfDone(const SwTableBase::EntryHandle* eh, const Outstanding& out);
 
