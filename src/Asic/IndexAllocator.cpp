@@ -532,6 +532,22 @@ Index GenericIndexAllocator::newIndexForKey(const TypeDescriptor& keyType, const
    return picked.front();
 }
 
+std::string_view GenericIndexAllocator::toString(RequestStatus status) noexcept {
+   switch (status) {
+      case RequestStatus::assigned:
+         return "assigned";
+      case RequestStatus::alreadyOwned:
+         return "already owned";
+      case RequestStatus::indexTaken:
+         return "taken by another key or reserved";
+      case RequestStatus::keyHasOther:
+         return "the key already holds another index";
+      case RequestStatus::outOfRange:
+         return "out of range";
+   }
+   return "unknown";
+}
+
 GenericIndexAllocator::RequestStatus GenericIndexAllocator::requestIndexForKey(
     Index index, const TypeDescriptor& keyType, const void* key, const void* user) {
    Impl& s = *impl_;
@@ -583,6 +599,29 @@ std::vector<Index> GenericIndexAllocator::newIndicesForKey(const TypeDescriptor&
    if (picked.size() != blockSize) return {};
    s.bind(keyType, key, picked.data(), blockSize, user);
    return picked;
+}
+
+std::vector<Index> GenericIndexAllocator::extendIndicesForKey(const TypeDescriptor& keyType,
+                                                              const void* key,
+                                                              std::uint32_t count) {
+   Impl& s = *impl_;
+   std::uint32_t id = s.find(keyType, key);
+   if (id == RecordSlab::kNone) {
+      throw std::invalid_argument(fmt::format("index allocator '{}': key {} owns no index to extend",
+                                              s.name, keyType.toString(key)));
+   }
+   KeyRecord& record = s.slab.at(id);
+   if (count == 0) return record.indices.toVector();
+   if (count > s.freeSpace.freeCount()) return {};
+   std::vector<Index> picked = pickIndices(count);
+   if (picked.size() != count) return {};
+   for (Index index : picked) {
+      ASIC_ASSERT_MSG(s.isRecoverableSlot(index), "allocator picked an index that is not free");
+      record.indices.pushBack(index);
+      s.owner[index] = id;
+      s.freeSpace.freeIs(index, false);
+   }
+   return record.indices.toVector();
 }
 
 std::vector<Index> GenericIndexAllocator::indicesForKey(const TypeDescriptor& keyType,

@@ -41,6 +41,8 @@ class GenericIndexAllocator : public RefCounted {
       std::uint32_t largestFreeRun;
    };
 
+   static std::string_view toString(RequestStatus status) noexcept;
+
    explicit GenericIndexAllocator(std::string name);
    GenericIndexAllocator(const GenericIndexAllocator&) = delete;
    GenericIndexAllocator& operator=(const GenericIndexAllocator&) = delete;
@@ -77,6 +79,10 @@ class GenericIndexAllocator : public RefCounted {
    // already owns indices gets them back unchanged.
    std::vector<Index> newIndicesForKey(const TypeDescriptor& keyType, const void* key,
                                        std::uint32_t blockSize, const void* user = nullptr);
+   // Adds `count` more indices to a key that owns some (a block whose first index the
+   // caller placed): the whole block, or empty (nothing changed) when too few are free.
+   std::vector<Index> extendIndicesForKey(const TypeDescriptor& keyType, const void* key,
+                                          std::uint32_t count);
    std::vector<Index> indicesForKey(const TypeDescriptor& keyType, const void* key) const;
    bool recoverIndicesForKey(const std::vector<Index>& indices, const TypeDescriptor& keyType,
                              const void* key, const void* user = nullptr);
@@ -176,5 +182,16 @@ class GenericIndexAllocatorStub {
    static Ptr<GenericIndexAllocator> sharedAllocator(std::string_view allocatorType);
    static std::size_t sharedAllocators();
 };
+
+// The factory an allocator type registers under its kTypeName: one function per type, so
+// registering from several libraries is the same registration.
+template <typename A>
+Ptr<GenericIndexAllocator> sharedAllocatorFactory(std::string name) {
+   return Ptr<GenericIndexAllocator>(new A(std::move(name)));
+}
+template <typename A>
+void registerSharedAllocator() {
+   GenericIndexAllocatorStub::allocatorFactoryIs(A::kTypeName, &sharedAllocatorFactory<A>);
+}
 
 }  // namespace Asic

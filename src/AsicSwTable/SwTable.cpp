@@ -1,9 +1,53 @@
 #include "AsicSwTable/SwTable.h"
 
+#include <map>
+#include <stdexcept>
+
+#include "AsicSwTable/SwTableLibrary.h"
+
 #include <algorithm>
 #include <cstdlib>
 
 namespace Asic {
+
+const std::string* agentProcessName() {
+   static const std::string* name = [] {
+      const char* value = std::getenv("AGENT_PROCESS_NAME");
+      return value ? new std::string(value) : nullptr;  // process lifetime
+   }();
+   return name;
+}
+
+namespace {
+std::map<std::string, SwTableRegistry::Factory, std::less<>>& tableFactories() {
+   static auto* factories = new std::map<std::string, SwTableRegistry::Factory, std::less<>>();
+   return *factories;
+}
+}  // namespace
+
+void SwTableRegistry::factoryIs(std::string_view tableType, Factory factory) {
+   if (factory == nullptr) {
+      throw std::invalid_argument(fmt::format("table factory for '{}' is null", tableType));
+   }
+   auto [it, inserted] = tableFactories().try_emplace(std::string(tableType), factory);
+   if (!inserted && it->second != factory) {
+      throw std::logic_error(
+          fmt::format("table type '{}' is already registered with another factory", tableType));
+   }
+}
+
+SwTableRegistry::Factory SwTableRegistry::factory(std::string_view tableType) {
+   auto it = tableFactories().find(tableType);
+   return it == tableFactories().end() ? nullptr : it->second;
+}
+
+Ptr<SwTable> SwTableRegistry::tableIs(std::string_view tableType) {
+   Factory make = factory(tableType);
+   if (!make) {
+      throw std::out_of_range(fmt::format("no table type '{}' is registered", tableType));
+   }
+   return make();
+}
 
 void ChipInfo::hwTableIs(UnitId unit, std::string tableType, Ptr<HwTable> hwTable) {
    tables_[fmt::format("{}/{}", unit, tableType)] = std::move(hwTable);

@@ -34,6 +34,7 @@
 #include "Asic/TypeRegistry.h"
 #include "AsicSwTable/SwTable.h"
 #include "AsicSwTable/SwTableIndexPolicy.h"
+#include "AsicSwTable/SwTableLibrary.h"
 #include "AsicSwTable/SwTableTraits.h"
 
 // Engine trace: "<table type> : <operation><text>".
@@ -155,6 +156,10 @@ class SwTableUtilT : public T::Traits::IndexPolicy::template UtilBase<T> {
    virtual Index hwIndexForDependentField(const SwTableBase::EntryHandle* eh) const {
       return SwTableBase::getHwEntryIndex(eh);
    }
+   // The handle's hardware index (its first one, for a block).
+   Index getHwIndex(const SwTableBase::EntryHandle* eh) const {
+      return SwTableBase::getHwEntryIndex(eh);
+   }
 };
 
 // ---------------------------------------------------------------------------------------
@@ -221,6 +226,46 @@ class SwTable::Accessor {
       typeCommitted(eh.get());
       setResolvedEntry(key, entry);
       return eh;
+   }
+
+   // Places the key at an index the caller chooses: the allocator binds it first, then the
+   // value is committed (or, needing no other entry, stored as resolved at once) and is
+   // programmed there. An index the allocator refuses is a std::invalid_argument naming the
+   // table, the index and why, with nothing bound or written, unless the table's rule is
+   // that the commit follows anyway (writeAtRefusedIndexCommits).
+   Ptr<EntryHandle> entryWriteAtIndex(Index index, const Key& key, const Entry& entry) {
+      using Request = GenericIndexAllocator::RequestStatus;
+      GenericIndexAllocator* alloc = swTable_->indexAllocator();
+      if (!alloc) {
+         throw std::logic_error(fmt::format(
+             "{}: entryWriteAtIndex({}) before the table's allocator is created", T::kTypeName,
+             index));
+      }
+      entryValidate(entry);  // before the index changes hands
+      const Request status = Policy::bind(*this, index, key);
+      if (status != Request::assigned && status != Request::alreadyOwned) {
+         if constexpr (!Trait::writeAtRefusedIndexCommits<T>) {
+            throw std::invalid_argument(fmt::format("{}: entryWriteAtIndex: index {} for key {}: {}",
+                                                    T::kTypeName, index, key,
+                                                    GenericIndexAllocator::toString(status)));
+         }
+         SWT_TRACE(5, "entryWriteAtIndex", ": index {} refused ({}), key {} takes the allocator's",
+                   index, GenericIndexAllocator::toString(status), key);
+      }
+      SWT_TRACE(5, "entryWriteAtIndex", ": Writing entry :{}", entry);
+      try {
+         if constexpr (Trait::hasDependentFields<T>) {
+            return entryCommit(key, entry);
+         } else {
+            return entryResolvedIs(key, entry);
+         }
+      } catch (...) {
+         // Nothing of a refused value stays behind, the index it was given included.
+         if (status == Request::assigned && !swTable_->entryHandleHas(key)) {
+            alloc->releaseIndexFromTable(keyType(), &key, allocatorUser());
+         }
+         throw;
+      }
    }
 
    Ptr<EntryHandle> entryWontProgram(const Key& key) {
@@ -1154,6 +1199,7 @@ class SwTableImpl : public Base {
    using SyncedIndicesMap = absl::btree_map<Index, std::vector<Index>>;
    using WriteResponseCallback = std::function<void(const EntryHandle*, const Key&)>;
    using EntryIteratorConst = SwTable::EntryIteratorConst<Derived>;
+   using UtilLoader = SwTableUtilLoader<Derived>;
 
    static_assert(SwTableKey<KeyT>, "a table key needs kTypeName, ==, a formatter and a hash");
    static_assert(SwTableEntry<EntryT>, "a table entry needs identity == and a formatter");
@@ -1164,6 +1210,16 @@ class SwTableImpl : public Base {
    }
    Ptr<const EntryHandle> entryRef(const Key& key, const Entry& entry) {
       return accessor().entryRef(key, entry);
+   }
+   // The key at an index of the caller's choosing (SwTable::Accessor::entryWriteAtIndex).
+   Ptr<const EntryHandle> entryWriteAtIndex(Index index, const Key& key, const Entry& entry) {
+      return accessor().entryWriteAtIndex(index, key, entry);
+   }
+   // Tables whose entry is its own key.
+   Ptr<const EntryHandle> entryWriteAtIndex(Index index, const Entry& entry)
+      requires std::is_same_v<KeyT, EntryT>
+   {
+      return accessor().entryWriteAtIndex(index, entry, entry);
    }
    Ptr<const EntryHandle> entryWontProgram(const Key& key) {
       return accessor().entryWontProgram(key);
@@ -1434,8 +1490,13 @@ class SwTableImpl : public Base {
    }
 
  protected:
+   // Every table waits for the hardware to confirm its writes, and starts with the Util
+   // its plug-in supplied (the search path may have been set after library load).
    explicit SwTableImpl(std::string name = "") : Base(std::move(name)) {
+      SwTableLibrary<Derived>::load();
       this->writeResponseSmIs(this);
+      this->hwResponseNeededIs(true);
+      utilIs(UtilLoader::instance().utilForNewTable());
    }
    // A table owned through Ptr has run cleanup() already (lastReferenceGone); whatever is
    // left is only let go of, since the derived table is gone by now.

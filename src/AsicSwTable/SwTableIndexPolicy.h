@@ -96,6 +96,11 @@ struct OneIndex {
    static Index retrieve(const A& a, const typename A::Key& key) {
       return a.doRetrieveHwIndex(key).value_or(invalidIndex);
    }
+   // entryWriteAtIndex: the key's index is the one given.
+   template <typename A>
+   static GenericIndexAllocator::RequestStatus bind(A& a, Index index, const typename A::Key& key) {
+      return a.allocator()->requestIndexForKey(index, A::keyType(), &key, a.allocatorUser());
+   }
    template <typename A>
    static void traceAcquired(const A& a, Index index) {
       SWT_POLICY_TRACE(a, 8, "traceHwIndex", " Acquired hwIndex : {}", index);
@@ -189,10 +194,28 @@ struct ScatteredBlock {
       for (Index index : indices) fn(index);
    }
 
+   // A key placed by entryWriteAtIndex holds its first index only: the rest of its block is
+   // added when the value (and so its size) is known.
    template <typename A>
    static Indices acquire(A& a, const typename A::Key& key, const typename A::Entry& value) {
-      return a.allocator()->newIndicesForKey(A::keyType(), &key, value.getBlockSize(),
-                                             a.allocatorUser());
+      GenericIndexAllocator* alloc = a.allocator();
+      const std::uint32_t blockSize = value.getBlockSize();
+      Indices indices = alloc->newIndicesForKey(A::keyType(), &key, blockSize, a.allocatorUser());
+      if (!indices.empty() && indices.size() < blockSize) {
+         return alloc->extendIndicesForKey(A::keyType(), &key,
+                                           blockSize - static_cast<std::uint32_t>(indices.size()));
+      }
+      return indices;
+   }
+   // entryWriteAtIndex: the given index is the first of the key's block, the one its
+   // dependents name.
+   template <typename A>
+   static GenericIndexAllocator::RequestStatus bind(A& a, Index index, const typename A::Key& key) {
+      const Indices held = a.allocator()->indicesForKey(A::keyType(), &key);
+      if (!held.empty() && held.front() == index) {
+         return GenericIndexAllocator::RequestStatus::alreadyOwned;
+      }
+      return a.allocator()->requestIndexForKey(index, A::keyType(), &key, a.allocatorUser());
    }
    template <typename A>
    static Indices retrieve(const A& a, const typename A::Key& key) {

@@ -23,6 +23,10 @@
 //     value's derived fields before it is stored
 // Traits the engine does not implement are refused: hasRemoteAllocator, and
 // tableNeedsDeleteDance = false.
+// What every table gets from the engine and does not write: library load, the Util loader
+// and factory (SwTableLibrary.h), hwResponseNeeded, entryWriteAtIndex, the Util's index
+// look-ups. A table's source holds its key, entry, dependent fields, hooks and traits, and
+// one line that loads it: `const bool loaded = Asic::SwTableLibrary<T>::load();`.
 
 #include <concepts>
 #include <cstdint>
@@ -83,6 +87,14 @@ concept getBlockSizeDefinedByUser = requires {
 template <typename T>
 concept suggestedIndexMustBeFree = requires {
    requires T::Traits::suggestedIndexMustBeFree;
+};
+
+// entryWriteAtIndex on an index the allocator refuses still commits the value, which then
+// takes whatever index the allocator gives it (the remap table's rule); without it the call
+// throws std::invalid_argument and changes nothing.
+template <typename T>
+concept writeAtRefusedIndexCommits = requires {
+   requires T::Traits::writeAtRefusedIndexCommits;
 };
 
 // Opt-in hooks (see the contract above).

@@ -10,12 +10,11 @@ L3IpmcSharedAllocator::L3IpmcSharedAllocator(std::string name)
 L3IpmcSharedAllocator::~L3IpmcSharedAllocator() = default;
 
 Asic::Ptr<Asic::GenericIndexAllocator> l3IpmcSharedAllocatorFactory(std::string name) {
-   return Asic::Ptr<Asic::GenericIndexAllocator>(new L3IpmcSharedAllocator(std::move(name)));
+   return Asic::sharedAllocatorFactory<L3IpmcSharedAllocator>(std::move(name));
 }
 
 void registerL3IpmcSharedAllocator() {
-   Asic::GenericIndexAllocatorStub::allocatorFactoryIs(L3IpmcSharedAllocator::kTypeName,
-                                                       &l3IpmcSharedAllocatorFactory);
+   Asic::registerSharedAllocator<L3IpmcSharedAllocator>();
 }
 
 namespace {

@@ -1,38 +1,11 @@
 #include "VelmarMcast/McastIpmcRemapTable.h"
 
-#include <cstdlib>
-
 #include "Asic/Trace.h"
-#include "Asic/TypeRegistry.h"
 
 namespace VelmarMcast {
 namespace {
 
-// Library load, in order: the agent's name, the table's types, the statistics trace
-// handle, and the Util loader that asks the plug-in loader for the table's Util.
-struct LibraryLoad {
-   std::string agentName;
-   LibraryLoad() {
-      if (const char* name = std::getenv("AGENT_PROCESS_NAME")) agentName = name;
-      VelmarL3Common::registerL3IpmcKeyType();
-      VelmarL3Common::registerL3IpmcSharedAllocator();
-      Asic::traceHandle(Asic::kSwTableStatTrace);
-      // A broken plug-in must not stop the library from loading: the table then runs
-      // without a Util, and the error is on record.
-      try {
-         IngIpmcRemapTable::UtilLoader::instance();
-      } catch (const std::exception& e) {
-         ASIC_TRACE(Asic::traceHandle(IngIpmcRemapTable::kTypeName), 0, "{} : UtilLoader {}",
-                    IngIpmcRemapTable::kTypeName, e.what());
-      }
-   }
-};
-
-const LibraryLoad& libraryLoad() {
-   static const LibraryLoad load;
-   return load;
-}
-[[maybe_unused]] const LibraryLoad& libraryLoadAtStart = libraryLoad();
+[[maybe_unused]] const bool kLibraryLoaded = Asic::SwTableLibrary<IngIpmcRemapTable>::load();
 
 constexpr std::string_view kEntryName = "IngIpmcRemapTable::Entry";
 
@@ -45,8 +18,6 @@ std::uint64_t unsignedValue(std::string_view tok, std::string_view attribute, st
 }
 
 }  // namespace
-
-const std::string& agentProcessName() { return libraryLoad().agentName; }
 
 IngIpmcRemapTableEntry::IngIpmcRemapTableEntry(
     Asic::Ptr<const Asic::SwTableBase::EntryHandle> handle, std::uint8_t profile,
@@ -88,13 +59,6 @@ std::string IngIpmcRemapTableEntry::toString() const {
                       remappedIpmcIndex, strengthProfile);
 }
 
-IngIpmcRemapTable::IngIpmcRemapTable() : SwTableImpl("") {
-   (void)libraryLoad();
-   hwResponseNeededIs(true);
-   // The search path may have been set after library load (the agent sets a default).
-   utilIs(UtilLoader::instance().utilForNewTable());
-}
-
 void IngIpmcRemapTable::resolveDependentFields(Entry& entry) {
    const auto* needed = entry.remappedIpmcIndexHandle.get();
    if (!needed) return;
@@ -105,10 +69,6 @@ void IngIpmcRemapTable::resolveDependentFields(Entry& entry) {
    } else {
       entry.remappedIpmcIndex = Asic::castIntegral<std::uint16_t>(index);
    }
-}
-
-Asic::Ptr<IngIpmcRemapTable> ingIpmcRemapTableFactory() {
-   return Asic::makePtr<IngIpmcRemapTable>();
 }
 
 }  // namespace VelmarMcast

@@ -15,7 +15,6 @@
 #include "AsicSwTable/SwTableAccessor.h"
 #include "VelmarL3Common/L3IpmcKey.h"
 #include "VelmarL3Common/L3IpmcSharedAllocator.h"
-#include "VelmarMcast/TableUtilLoader.h"
 
 namespace VelmarMcast {
 
@@ -72,15 +71,10 @@ class IngIpmcRemapTable : public Asic::SwTableImpl<IngIpmcRemapTable, VelmarL3Co
       static constexpr bool isUnknownIndexTable = true;
       static constexpr bool hasRemoteAllocator = false;
       static constexpr bool getBlockSizeDefinedByUser = false;
+      // entryWriteAtIndex on an index the allocator refuses still commits: the key then
+      // takes the allocator's index.
+      static constexpr bool writeAtRefusedIndexCommits = true;
    };
-   using UtilLoader = TableUtilLoader<IngIpmcRemapTable>;
-
-   IngIpmcRemapTable();
-
-   // Binds the key to `index` first, then commits as entryCommit does.
-   Asic::Ptr<const EntryHandle> entryWriteAtIndex(Asic::Index index, const Key& key,
-                                                  const Entry& entry);
-
    // Dependent field: remappedIpmcIndexHandle -> remappedIpmcIndex.
    template <typename F>
    static void forEachNeededEntryHandle(const Entry& entry, F&& fn) {
@@ -100,20 +94,11 @@ class IngIpmcRemapTableUtil : public Asic::SwTableUtilT<IngIpmcRemapTable> {
  public:
    static constexpr std::string_view kTypeName = "VelmarMcast::IngIpmcRemapTable::Util";
    explicit IngIpmcRemapTableUtil(std::string name) : SwTableUtilT(std::move(name)) {}
-
-   Asic::Index dependentFieldValueToHwIndex(Asic::Index value) const override { return value; }
-   Asic::Index hwIndexForDependentField(const Asic::SwTableBase::EntryHandle* eh) const override {
-      return Asic::SwTableBase::getHwEntryIndex(eh);
-   }
-   Asic::Index getHwIndex(const Asic::SwTableBase::EntryHandle* eh) const {
-      return Asic::SwTableBase::getHwEntryIndex(eh);
-   }
 };
 
-Asic::Ptr<IngIpmcRemapTable> ingIpmcRemapTableFactory();
-
-// The agent's process name, read once at library load (empty when unset).
-const std::string& agentProcessName();
+inline Asic::Ptr<IngIpmcRemapTable> ingIpmcRemapTableFactory() {
+   return Asic::swTableFactory<IngIpmcRemapTable>();
+}
 
 }  // namespace VelmarMcast
 

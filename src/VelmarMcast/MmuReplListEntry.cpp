@@ -238,4 +238,8 @@ void registerMmuReplListTypes() {
    Asic::TypeRegistry::registerType<MmuReplListTableEntry>();
 }
 
+namespace {
+[[maybe_unused]] const bool kRegistered = (registerMmuReplListTypes(), true);
+}  // namespace
+
 }  // namespace VelmarMcast

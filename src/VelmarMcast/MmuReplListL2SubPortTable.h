@@ -11,7 +11,6 @@
 #include "AsicSwTable/SwTableAccessor.h"
 #include "VelmarMcast/MmuReplListL2SubPortEntry.h"
 #include "VelmarMcast/MmuReplListTable.h"
-#include "VelmarMcast/TableUtilLoader.h"
 
 namespace VelmarMcast {
 
@@ -30,15 +29,6 @@ class MmuReplListL2SubPortTable
       static constexpr bool getBlockSizeDefinedByUser = true;
       static constexpr bool suggestedIndexMustBeFree = true;
    };
-   using UtilLoader = TableUtilLoader<MmuReplListL2SubPortTable>;
-
-   MmuReplListL2SubPortTable();
-
-   // Places the entry at `index` instead of one the allocator picks: the index is bound to
-   // the entry first, then the entry is committed and programmed there (it needs no other
-   // entry, so there is nothing to resolve). Throws std::invalid_argument, changing
-   // nothing, when the allocator will not give the entry that index.
-   Asic::Ptr<const EntryHandle> entryWriteAtIndex(Asic::Index index, const Entry& entry);
 };
 
 // Hardware hooks of the L2 sub-port table; the chip's plug-in implements the pure ones.
@@ -46,12 +36,10 @@ class MmuReplListL2SubPortTableUtil : public Asic::SwTableUtilT<MmuReplListL2Sub
  public:
    static constexpr std::string_view kTypeName = "VelmarMcast::MmuReplListL2SubPortTable::Util";
    explicit MmuReplListL2SubPortTableUtil(std::string name) : SwTableUtilT(std::move(name)) {}
-
-   Asic::Index getHwIndex(const Asic::SwTableBase::EntryHandle* eh) const {
-      return Asic::SwTableBase::getHwEntryIndex(eh);
-   }
 };
 
-Asic::Ptr<MmuReplListL2SubPortTable> mmuReplListL2SubPortTableFactory();
+inline Asic::Ptr<MmuReplListL2SubPortTable> mmuReplListL2SubPortTableFactory() {
+   return Asic::swTableFactory<MmuReplListL2SubPortTable>();
+}
 
 }  // namespace VelmarMcast

@@ -3,59 +3,16 @@
 #include <stdexcept>
 
 #include "Asic/Trace.h"
-#include "Asic/TypeRegistry.h"
 
 namespace VelmarMcast {
 namespace {
-
-// Library load: the key type, the shared allocator's factory, and the Util loader. A
-// broken plug-in must not stop the library from loading: the table then runs without a
-// Util, and the error is on record.
-struct LibraryLoad {
-   LibraryLoad() {
-      registerMmuReplListTypes();
-      registerMmuReplListSharedAllocator();
-      try {
-         MmuReplListTable::UtilLoader::instance();
-      } catch (const std::exception& e) {
-         ASIC_TRACE(Asic::traceHandle(MmuReplListTable::kTypeName), 0, "{} : UtilLoader {}",
-                    MmuReplListTable::kTypeName, e.what());
-      }
-   }
-};
-
-const LibraryLoad& libraryLoad() {
-   static const LibraryLoad load;
-   return load;
-}
-[[maybe_unused]] const LibraryLoad& libraryLoadAtStart = libraryLoad();
-
+[[maybe_unused]] const bool kLibraryLoaded = Asic::SwTableLibrary<MmuReplListTable>::load();
 }  // namespace
 
 MmuReplListSharedAllocator::MmuReplListSharedAllocator(std::string name)
     : DiscontBlockAllocator(std::move(name)) {}
 
 MmuReplListSharedAllocator::~MmuReplListSharedAllocator() = default;
-
-Asic::Ptr<Asic::GenericIndexAllocator> MmuReplListSharedAllocator::MmuReplListSharedAllocatorIs(
-    std::string name) {
-   return Asic::Ptr<Asic::GenericIndexAllocator>(new MmuReplListSharedAllocator(std::move(name)));
-}
-
-Asic::Ptr<Asic::GenericIndexAllocator> mmuReplListSharedAllocatorFactory(std::string name) {
-   return MmuReplListSharedAllocator::MmuReplListSharedAllocatorIs(std::move(name));
-}
-
-void registerMmuReplListSharedAllocator() {
-   Asic::GenericIndexAllocatorStub::allocatorFactoryIs(MmuReplListSharedAllocator::kTypeName,
-                                                       &mmuReplListSharedAllocatorFactory);
-}
-
-MmuReplListTable::MmuReplListTable() : SwTableImpl("") {
-   (void)libraryLoad();
-   hwResponseNeededIs(true);
-   utilIs(UtilLoader::instance().utilForNewTable());
-}
 
 void MmuReplListTable::entryValidate(const Entry& entry) {
    const unsigned leastSparse = entry.denseEntrySize() == 0 ? 1 : 2;
@@ -88,7 +45,5 @@ std::vector<Asic::Index> MmuReplListTable::hwIndices(const Entry& entry) const {
    auto* alloc = indexAllocator();
    return alloc ? alloc->indicesForKey(Asic::vixType<Entry>(), &entry) : std::vector<Asic::Index>{};
 }
-
-Asic::Ptr<MmuReplListTable> mmuReplListTableFactory() { return Asic::makePtr<MmuReplListTable>(); }
 
 }  // namespace VelmarMcast

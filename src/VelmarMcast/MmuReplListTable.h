@@ -15,7 +15,6 @@
 #include "AsicSwTable/SwTableAccessor.h"
 #include "VelmarMcast/MmuReplListEntry.h"
 #include "VelmarMcast/MmuReplListLayout.h"
-#include "VelmarMcast/TableUtilLoader.h"
 
 namespace VelmarMcast {
 
@@ -29,17 +28,17 @@ class MmuReplListSharedAllocator : public Asic::DiscontBlockAllocator {
    std::string_view allocatorTypeName() const override { return kTypeName; }
 
    // A new allocator of that name (the tables get theirs through the shared factory).
-   static Asic::Ptr<Asic::GenericIndexAllocator> MmuReplListSharedAllocatorIs(std::string name);
+   static Asic::Ptr<Asic::GenericIndexAllocator> MmuReplListSharedAllocatorIs(std::string name) {
+      return Asic::sharedAllocatorFactory<MmuReplListSharedAllocator>(std::move(name));
+   }
 
  protected:
    ~MmuReplListSharedAllocator() override;
 };
 
-Asic::Ptr<Asic::GenericIndexAllocator> mmuReplListSharedAllocatorFactory(std::string name);
-
-// Registers the factory with GenericIndexAllocatorStub under kTypeName; safe to call any
-// number of times. Also done when the library is loaded.
-void registerMmuReplListSharedAllocator();
+inline Asic::Ptr<Asic::GenericIndexAllocator> mmuReplListSharedAllocatorFactory(std::string name) {
+   return Asic::sharedAllocatorFactory<MmuReplListSharedAllocator>(std::move(name));
+}
 
 class MmuReplListTableUtil;
 
@@ -57,10 +56,6 @@ class MmuReplListTable : public Asic::SwTableImpl<MmuReplListTable, MmuReplListT
       static constexpr bool hasRemoteAllocator = false;
       static constexpr bool getBlockSizeDefinedByUser = true;
    };
-   using UtilLoader = TableUtilLoader<MmuReplListTable>;
-
-   MmuReplListTable();
-
    // Refuses a list the layout cannot handle: sparseEntrySize 0 (or below 2 when dense
    // entries are allowed), or, with dense entries, an egress object without exactly one
    // port. Throws std::invalid_argument naming the list and what is wrong.
@@ -95,12 +90,10 @@ class MmuReplListTableUtil : public Asic::SwTableUtilT<MmuReplListTable> {
  public:
    static constexpr std::string_view kTypeName = "VelmarMcast::MmuReplListTable::Util";
    explicit MmuReplListTableUtil(std::string name) : SwTableUtilT(std::move(name)) {}
-
-   Asic::Index getHwIndex(const Asic::SwTableBase::EntryHandle* eh) const {
-      return Asic::SwTableBase::getHwEntryIndex(eh);
-   }
 };
 
-Asic::Ptr<MmuReplListTable> mmuReplListTableFactory();
+inline Asic::Ptr<MmuReplListTable> mmuReplListTableFactory() {
+   return Asic::swTableFactory<MmuReplListTable>();
+}
 
 }  // namespace VelmarMcast

@@ -161,6 +161,15 @@ TEST_F(RemapCommitTest, WriteAtIndexUsesThatIndexAndMapsItBackToTheKey) {
    EXPECT_EQ(table_->swKeyFromHwIndex(301), std::nullopt);
    EXPECT_EQ(table_->hwIndexOnlyForCrossAgentCommunication(groupKey(9)), 300u);
    EXPECT_EQ(table_->hwIndexOnlyForCrossAgentCommunication(groupKey(10)), Asic::invalidIndex);
+
+   // An index another key owns: the allocator keeps it, and the commit still follows at an
+   // index of the allocator's choosing.
+   auto other =
+       table_->entryWriteAtIndex(300, groupKey(10), remapTo(testEntryHandle(2, State::success), 1));
+   loop_.runUntilIdle();
+   EXPECT_EQ(other->entryState(), State::success);
+   EXPECT_NE(other->hwIndex(), 300u);
+   EXPECT_EQ(table_->swKeyFromHwIndex(300), groupKey(9));
 }
 
 TEST_F(RemapCommitTest, TableLevelCallbackIsToldAndExcludesAValueCallback) {

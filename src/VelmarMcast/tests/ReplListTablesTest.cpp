@@ -374,6 +374,48 @@ TEST_F(ReplListTablesTest, SuggestionWithOtherContentsIsTakenOnlyAtInitComplete)
    EXPECT_TRUE(util.compareHwEntries(*lists_, bFirst, lists_->entry(a)));
 }
 
+TEST_F(ReplListTablesTest, ListWriteAtIndexStartsTheChainThereAndTopsUpTheRestOnceResolved) {
+   // The list's size is known only once its egress objects resolve; the placed index is the
+   // chain's head and the allocator adds the rest. A refused index changes nothing.
+   auto late = testEntryHandle();
+   ListEntry entry = list({3, 7, 9, 12, 40});  // 5 pairs + 2 below: 2 sparse entries of 4
+   entry.egressObjectHandleIs(late, PortList{5, 6});
+   auto eh = lists_->entryWriteAtIndex(300, entry);
+   loop_.runUntilIdle();
+   EXPECT_EQ(eh->entryState(), State::unresolved);
+   EXPECT_EQ(alloc().indicesForKey(Asic::vixType<ListEntry>(), &entry),
+             std::vector<Asic::Index>{300});
+   late->programmedIs(100);
+   loop_.runUntilIdle();
+   ASSERT_EQ(eh->entryState(), State::success);
+   const auto indices = lists_->hwIndices(entry);
+   ASSERT_EQ(indices.size(), 2u);
+   EXPECT_EQ(indices.front(), 300u);
+   EXPECT_EQ(chainAt(300), indices);
+
+   const auto writes = listHw_->counters().writes;
+   const auto used = alloc().totalUsedIndices();
+   ListEntry other = list({1});
+   try {
+      lists_->entryWriteAtIndex(300, other);
+      ADD_FAILURE() << "an index the list holds was given to another";
+   } catch (const std::invalid_argument& e) {
+      EXPECT_THAT(e.what(), testing::HasSubstr("VelmarMcast::MmuReplListTable"));
+      EXPECT_THAT(e.what(), testing::HasSubstr("index 300"));
+      EXPECT_THAT(e.what(), testing::HasSubstr("taken"));
+   }
+   EXPECT_THROW(lists_->entryWriteAtIndex(kEntries, other), std::invalid_argument);
+   ListEntry bad = list({2}, 1, 4, 2);  // dense, but an egress object on two ports: refused
+   bad.egressObjectHandleIs(testEntryHandle(77, State::success), PortList{1, 2});
+   EXPECT_THROW(lists_->entryWriteAtIndex(500, bad), std::invalid_argument);
+   EXPECT_TRUE(alloc().isIndexFree(500));
+   loop_.runUntilIdle();
+   EXPECT_EQ(listHw_->counters().writes, writes);
+   EXPECT_EQ(alloc().totalUsedIndices(), used);
+   EXPECT_FALSE(lists_->entryHandleHas(other));
+   EXPECT_EQ(lists_->entryWriteAtIndex(300, entry), eh) << "its own index again";
+}
+
 // --- L2 sub-port table --------------------------------------------------------------------
 
 L2Entry l2Entry(std::uint32_t mode, std::uint32_t bits) {

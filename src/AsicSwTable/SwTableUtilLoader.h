@@ -8,10 +8,10 @@
 #include "Ancillary/Loader.h"
 #include "Asic/RefCounted.h"
 
-namespace VelmarMcast {
+namespace Asic {
 
 template <typename Table>
-class TableUtilLoader : public Ancillary::Core::Loader::TypedUtilLoader<typename Table::Util> {
+class SwTableUtilLoader : public Ancillary::Core::Loader::TypedUtilLoader<typename Table::Util> {
  public:
    using Util = typename Table::Util;
 
@@ -19,9 +19,9 @@ class TableUtilLoader : public Ancillary::Core::Loader::TypedUtilLoader<typename
    static std::string suffixPath() { return std::string(Table::kTypeName); }
 
    // The singleton, created (and its plug-ins loaded) on first use.
-   static TableUtilLoader& instance() {
-      static TableUtilLoader* loader = [] {
-         auto* created = new TableUtilLoader(std::string(Table::kTypeName));  // process lifetime
+   static SwTableUtilLoader& instance() {
+      static SwTableUtilLoader* loader = [] {
+         auto* created = new SwTableUtilLoader(std::string(Table::kTypeName));  // process lifetime
          created->load();
          return created;
       }();
@@ -40,7 +40,7 @@ class TableUtilLoader : public Ancillary::Core::Loader::TypedUtilLoader<typename
    const std::string& name() const noexcept { return name_; }
 
  protected:
-   explicit TableUtilLoader(std::string name) : name_(std::move(name)) {}
+   explicit SwTableUtilLoader(std::string name) : name_(std::move(name)) {}
    void typedUtilIs(Asic::Ptr<Util> util) override { util_ = std::move(util); }
 
  private:
@@ -48,4 +48,4 @@ class TableUtilLoader : public Ancillary::Core::Loader::TypedUtilLoader<typename
    Asic::Ptr<Util> util_;
 };
 
-}  // namespace VelmarMcast
+}  // namespace Asic
