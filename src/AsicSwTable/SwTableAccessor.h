@@ -55,8 +55,28 @@ inline void dropCommitCount(SwTable::EntryHandle* eh) {
 // its notifications to the table's engine.
 template <typename Table, typename Key, typename Entry>
 class SwTableEntryHandleT : public SwTable::EntryHandle {
+   using PolicyState = typename Table::Traits::IndexPolicy::HandleState;
+   static constexpr bool kRecordsBlockSize = requires(PolicyState s) { s.blockSize; };
+
  public:
-   SwTableEntryHandleT(const Key& key, Table* table) : key_(key) { swTableIs(table); }
+   SwTableEntryHandleT(const Key& key, Table* table) : key_(key) {
+      if constexpr (kRecordsBlockSize) state_.blockSize = key.getBlockSize();
+      swTableIs(table);
+   }
+
+   // Hardware entries the key's block occupies (block tables that keep it on the handle).
+   std::uint32_t blockSize() const noexcept
+      requires kRecordsBlockSize
+   {
+      return state_.blockSize;
+   }
+   void blockSizeIs(std::uint32_t blockSize)
+      requires kRecordsBlockSize
+   {
+      if (state_.blockSize == blockSize) return;
+      state_.blockSize = blockSize;
+      publish("blockSize");
+   }
 
    const Key& key() const noexcept { return key_; }
    Table* swTable() const noexcept { return swTable_; }  // not owned; null when detached
@@ -116,6 +136,7 @@ class SwTableEntryHandleT : public SwTable::EntryHandle {
    Table* swTable_ = nullptr;
    std::unique_ptr<std::deque<Entry>> pending_;  // allocated on first use: usually empty
    std::uint32_t pendingFirstSeq_ = 0;
+   [[no_unique_address]] PolicyState state_;
 };
 
 // Per-table unresolved entry: the committed value and the handles it waits for.
@@ -148,7 +169,7 @@ class SwTableUtilT : public T::Traits::IndexPolicy::template UtilBase<T> {
 
    // Refuses, before anything changes, a value this chip cannot hold (throws
    // std::invalid_argument naming what does not fit).
-   virtual void entryValidate(const typename T::Entry&) const {}
+   virtual void entryValidate(const typename T::Value&) const {}
 
    // Value of a dependent field as a hardware index of the needed table.
    virtual Index dependentFieldValueToHwIndex(Index value) const { return value; }
@@ -167,7 +188,7 @@ template <typename T>
 class SwTable::Accessor {
  public:
    using Key = typename T::Key;
-   using Entry = typename T::Entry;
+   using Entry = typename T::Value;
    using EntryHandle = typename T::EntryHandle;
    using UnresolvedEntry = typename T::UnresolvedEntry;
    using Util = typename T::Util;
@@ -178,6 +199,7 @@ class SwTable::Accessor {
    using Policy = typename T::Traits::IndexPolicy;
    using Indices = typename Policy::Indices;
    friend Policy;
+   friend IndexPolicy::PerEntrySync;
    // The table contract (SwTableTraits.h), part by part.
    static_assert(Policy::template fits<T>,
                  "the table's IndexPolicy does not fit its traits: entries that state a block "
@@ -713,7 +735,7 @@ class SwTable::Accessor {
       ASIC_ASSERT_TEXT(resolved && resolved->has_value(), "resolvedEntry", "no resolved entry");
       if (!swTable_->syncedEntry(*index)) return Status::nothingToReconcile;
       Util* util = swTable_->utilIfExists();
-      return util && util->compareHwEntries(*swTable_, *index, **resolved)
+      return util && Policy::matches(*this, *index, **resolved)
                  ? Status::reconciled
                  : Status::indexReconciledContentsDiffer;
    }
@@ -739,7 +761,7 @@ class SwTable::Accessor {
          swTable_->indexHelperDel(eh);
          SWT_TRACE(8, "reconcileUsingIndexHelper", ": Deleting syncedEntry reconciled at index:{}",
                    candidate);
-         swTable_->syncedEntryDel(candidate);
+         Policy::syncedTakenOver(*this, key, candidate);
          SWT_TRACE(8, "reconcileUsingIndexHelper", ": Reconciled key:{}, hwIndex:{}", key,
                    candidate);
          return candidate;
@@ -774,8 +796,7 @@ class SwTable::Accessor {
       const auto* resolved = swTable_->resolvedEntry(key);
       if (!resolved || !resolved->has_value()) {
          if (const auto* ue = swTable_->unresolvedEntry(key)) {
-            const Entry* synced = swTable_->syncedEntry(hwIndex);
-            suggestIndexToNeededTable(ue->entry(), synced ? *synced : Entry{});
+            Policy::suggestDown(*this, ue->entry(), hwIndex);
          }
          return false;
       }
@@ -785,7 +806,7 @@ class SwTable::Accessor {
       swTable_->updateStatistic(Status::reconciled);
       SWT_TRACE(8, "processIndexSuggestion", ": Deleting syncedEntry reconciled at index:{}",
                 hwIndex);
-      swTable_->syncedEntryDel(hwIndex);
+      Policy::syncedTakenOver(*this, key, hwIndex);
       swTable_->indexHelperDel(eh);
       eh->hwIndexIs(hwIndex);
       eh->entryStateIs(State::indexReconciled);
@@ -797,6 +818,10 @@ class SwTable::Accessor {
    void suggestIndexToNeededTable(const Entry& swEntry, const Entry& syncedEntry) {
       SWT_TRACE(8, "suggestIndexToNeededTable", ": swEntry:{}, syncedEntry:{}", swEntry,
                 syncedEntry);
+      suggestDependentFields(swEntry, syncedEntry);
+   }
+   // Each needed handle is offered the index the synced value's dependent field holds.
+   static void suggestDependentFields(const Entry& swEntry, const Entry& syncedEntry) {
       if constexpr (Trait::hasDependentFields<T>) {
          T::forEachDependentField(
              swEntry, syncedEntry, [](const SwTableBase::EntryHandle* needed, Index value) {
@@ -839,7 +864,7 @@ class SwTable::Accessor {
                   // Taken over: the purge must not delete what was just written there.
                   SWT_TRACE(8, "doInitComplete", ": Deleting syncedEntry reconciled at index:{}",
                             *index);
-                  swTable_->syncedEntryDel(*index);
+                  Policy::syncedTakenOver(*this, key, *index);
                } else {
                   swTable_->reconciledIndexIs(false);
                   programHwEntry(key, State::inProgress);
@@ -1043,7 +1068,7 @@ class SwTable::Accessor {
       auto dropSynced = [&] {
          ASIC_ASSERT_TEXT(hwIndex && !isExhausted(*hwIndex), "!isExhausted( hwIndex )", "");
          SWT_TRACE(8, "handleEntry", ": Deleting syncedEntry reconciled at index:{}", *hwIndex);
-         swTable_->syncedEntryDel(*hwIndex);
+         Policy::syncedTakenOver(*this, key, *hwIndex);
       };
       switch (status) {
          case Status::notReconciled:
@@ -1103,7 +1128,7 @@ template <typename T>
 class SwTable::EntryIteratorConst {
  public:
    using Key = typename T::Key;
-   using Entry = typename T::Entry;
+   using Entry = typename T::Value;
    using UnresolvedIt = typename T::UnresolvedEntryMap::const_iterator;
    using ResolvedIt = typename T::ResolvedEntryMap::const_iterator;
 
@@ -1181,12 +1206,16 @@ class SwTable::EntryIteratorConst {
 // What every table built on the engine has: its collections with their attribute-style
 // mutators, its Util and the client operations, each forwarding to Accessor<Derived>.
 // `UtilT` may be incomplete here (it derives from SwTableUtilT<Derived>).
+// `SyncedT` is what the chip holds at one index, read back at a restart: the entry itself,
+// unless a key's value spans several hardware entries of another type (a head block).
 template <typename Derived, typename KeyT, typename EntryT, typename UtilT,
-          typename Base = SwUnknownIndexTable>
+          typename SyncedT = EntryT, typename Base = SwUnknownIndexTable>
 class SwTableImpl : public Base {
  public:
    using Key = KeyT;
    using Entry = EntryT;
+   using Value = EntryT;  // what the engine stores per key, whatever a table calls Entry
+   using SyncedEntry = SyncedT;
    using Util = UtilT;
    using EntryHandle = SwTableEntryHandleT<Derived, KeyT, EntryT>;
    using UnresolvedEntry = SwTableUnresolvedEntryT<Derived, KeyT, EntryT>;
@@ -1195,7 +1224,7 @@ class SwTableImpl : public Base {
        absl::flat_hash_map<Key, Ptr<UnresolvedEntry>, SeededHash<Key, 0x9E3779B9u>>;
    using ResolvedEntryMap =
        absl::flat_hash_map<Key, std::optional<Entry>, SeededHash<Key, 0x85EBCA6Bu>>;
-   using SyncedEntryMap = absl::btree_map<Index, Entry>;
+   using SyncedEntryMap = absl::btree_map<Index, SyncedEntry>;
    using SyncedIndicesMap = absl::btree_map<Index, std::vector<Index>>;
    using WriteResponseCallback = std::function<void(const EntryHandle*, const Key&)>;
    using EntryIteratorConst = SwTable::EntryIteratorConst<Derived>;
@@ -1441,20 +1470,20 @@ class SwTableImpl : public Base {
    void resolvedEntryDelAll() { resolvedEntries_.clear(); }
 
    const SyncedEntryMap& syncedEntries() const noexcept { return syncedEntries_; }
-   const Entry* syncedEntry(Index index) const {
+   const SyncedEntry* syncedEntry(Index index) const {
       auto it = syncedEntries_.find(index);
       return it == syncedEntries_.end() ? nullptr : &it->second;
    }
    // The synced entry at an index; throws std::out_of_range naming the index when none.
-   const Entry& syncedEntryGet(Index index) const {
-      const Entry* entry = syncedEntry(index);
+   const SyncedEntry& syncedEntryGet(Index index) const {
+      const SyncedEntry* entry = syncedEntry(index);
       if (!entry) {
          throw std::out_of_range(
              fmt::format("{}: no synced entry at index {}", Derived::kTypeName, index));
       }
       return *entry;
    }
-   void syncedEntryIs(Index index, const Entry& entry) {
+   void syncedEntryIs(Index index, const SyncedEntry& entry) {
       syncedEntries_.insert_or_assign(index, entry);
       this->publish("syncedEntry");
    }

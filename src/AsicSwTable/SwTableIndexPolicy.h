@@ -35,7 +35,7 @@ class SwTableUtilOneIndexT : public SwTable::Util {
  public:
    using Util::Util;
    using Key = typename T::Key;
-   using Entry = typename T::Entry;
+   using Entry = typename T::Value;
 
    // Writes the key's resolved value at the index; an empty value clears the entry.
    virtual void hwTableEntryIs(T& table, Index hwIndex, const Key& key) = 0;
@@ -53,7 +53,7 @@ class SwTableUtilBlockT : public SwTable::Util {
  public:
    using Util::Util;
    using Key = typename T::Key;
-   using Entry = typename T::Entry;
+   using Entry = typename T::Value;
 
    // Writes the key's resolved value over its indices, in order (the first is the one
    // dependents name); an empty value clears them.
@@ -70,10 +70,51 @@ class SwTableUtilBlockT : public SwTable::Util {
    virtual Index getNextHwIndex(T& table, Index hwIndex) const = 0;
 };
 
+// The chip's side of a table whose keys are blocks of consecutive hardware entries, each of
+// the table's SyncedEntry type (a head block's entries).
+template <typename T>
+class SwTableUtilRunT : public SwTable::Util {
+ public:
+   using Util::Util;
+   using HwEntry = typename T::SyncedEntry;
+
+   // Writes one hardware entry of a block.
+   virtual void hwTableEntryIs(T& table, Index hwIndex, const HwEntry& entry) = 0;
+   // Removes the entry at the index.
+   virtual void hwTableEntryDel(T& table, Index hwIndex) = 0;
+   // True when the two hold the same in hardware (every field the chip keeps).
+   virtual bool compareEntries(const HwEntry& hw, const HwEntry& sw) const = 0;
+   // Reads every valid hardware entry into the table's synced entries, one per index.
+   virtual void syncEntries(HwTable* hwTable, T& table) = 0;
+};
+
 namespace IndexPolicy {
 
+// What the kinds whose synced records are of the table's own entry type share.
+struct PerEntrySync {
+   struct HandleState {};  // nothing on the handle beyond its index
+
+   // The hardware entry at `hwIndex` holds `value`.
+   template <typename A>
+   static bool matches(A& a, Index hwIndex, const typename A::Entry& value) {
+      auto* util = a.swTable_->utilIfExists();
+      return util && util->compareHwEntries(*a.swTable_, hwIndex, value);
+   }
+   // A key took over the hardware entry at `hwIndex`: it is no longer stale.
+   template <typename A>
+   static void syncedTakenOver(A& a, const typename A::Key&, Index hwIndex) {
+      a.swTable_->syncedEntryDel(hwIndex);
+   }
+   // Passes what the chip holds at `hwIndex` to the tables `swValue` waits for.
+   template <typename A>
+   static void suggestDown(A& a, const typename A::Entry& swValue, Index hwIndex) {
+      const auto* synced = a.swTable_->syncedEntry(hwIndex);
+      a.suggestIndexToNeededTable(swValue, synced ? *synced : typename A::Entry{});
+   }
+};
+
 // One index per key, the lowest free one of the allocator (the IPMC remap table).
-struct OneIndex {
+struct OneIndex : PerEntrySync {
    using Indices = Index;  // held inline: programming a key allocates nothing
    // A table whose entries state a block size needs a block policy.
    template <typename T>
@@ -129,10 +170,7 @@ struct OneIndex {
       }
       const auto* resolved = a.swTable_->resolvedEntry(key);
       ASIC_ASSERT_TEXT(resolved && resolved->has_value(), "resolvedEntry", "no resolved entry");
-      if (compareHw) {
-         auto* util = a.swTable_->utilIfExists();
-         if (!util || !util->compareHwEntries(*a.swTable_, hwIndex, **resolved)) return false;
-      }
+      if (compareHw && !matches(a, hwIndex, **resolved)) return false;
       const bool recovered =
           alloc->recoverIndexForKey(hwIndex, A::keyType(), &key, a.allocatorUser());
       ASIC_ASSERT_TEXT(recovered,
@@ -178,7 +216,7 @@ struct OneIndex {
 
 // A block of indices per key, as many as the key's value states (Entry::getBlockSize()),
 // scattered wherever the allocator has them (the replication list and L2 sub-port tables).
-struct ScatteredBlock {
+struct ScatteredBlock : PerEntrySync {
    using Indices = std::vector<Index>;
    template <typename T>
    static constexpr bool fits = Trait::getBlockSizeDefinedByUser<T>;
@@ -354,6 +392,208 @@ struct ScatteredBlock {
             if (alloc->isIndexHeld(index)) alloc->markIndexAvailable(index, A::keyType());
          }
       }
+   }
+};
+
+// A run of consecutive indices per key, as many as the key states (Key::getBlockSize()),
+// whose entries are hardware entries of their own type (the replication head table: a block
+// of head entries, Key::entry(offset)). Offset o of a key lives at base + o. Nothing is
+// allocated per programming.
+struct ConsecutiveRun {
+   struct Indices {
+      Index base = invalidIndex;
+      std::uint32_t size = 0;
+      bool operator==(const Indices&) const = default;
+   };
+   struct HandleState {
+      std::uint32_t blockSize = 0;
+   };
+   template <typename T>
+   static constexpr bool fits = Trait::getBlockSizeDefinedByUser<T> &&
+                                requires(const typename T::Key& key, Index offset) {
+                                   { key.entry(offset) } -> std::same_as<typename T::SyncedEntry>;
+                                };
+   template <typename T>
+   using UtilBase = SwTableUtilRunT<T>;
+
+   static Index first(const Indices& run) noexcept { return run.size ? run.base : invalidIndex; }
+   static Indices of(Index index) noexcept { return {index, 1}; }
+   template <typename F>
+   static void forEach(const Indices& run, F&& fn) {
+      if (isExhausted(first(run))) return;
+      for (std::uint32_t o = 0; o < run.size; ++o) fn(run.base + o);
+   }
+
+   template <typename A>
+   static Indices acquire(A& a, const typename A::Key& key, const typename A::Entry&) {
+      const std::uint32_t size = key.getBlockSize();
+      const auto indices = a.allocator()->newIndicesForKey(A::keyType(), &key, size,
+                                                           a.allocatorUser());
+      if (indices.empty()) return {};
+      return {indices.front(), static_cast<std::uint32_t>(indices.size())};
+   }
+   template <typename A>
+   static Indices retrieve(const A& a, const typename A::Key& key) {
+      auto index = a.doRetrieveHwIndex(key);
+      if (!index || isExhausted(*index)) return {};
+      return {*index, key.getBlockSize()};
+   }
+   // entryWriteAtIndex: the key's run starts at the index given.
+   template <typename A>
+   static GenericIndexAllocator::RequestStatus bind(A& a, Index index, const typename A::Key& key) {
+      using Status = GenericIndexAllocator::RequestStatus;
+      GenericIndexAllocator* alloc = a.allocator();
+      if (auto held = alloc->indexForKey(A::keyType(), &key)) {
+         return *held == index ? Status::alreadyOwned : Status::keyHasOther;
+      }
+      const std::uint32_t size = key.getBlockSize();
+      if (index >= alloc->numEntries() || size > alloc->numEntries() - index) {
+         return Status::outOfRange;
+      }
+      return alloc->recoverIndicesForKey(runOf(index, size), A::keyType(), &key,
+                                         a.allocatorUser())
+                 ? Status::assigned
+                 : Status::indexTaken;
+   }
+   template <typename A>
+   static void traceAcquired(const A& a, const Indices& run) {
+      SWT_POLICY_TRACE(a, 8, "traceHwIndex", " Acquired hwIndex : {}", first(run));
+   }
+   // Offsets are walked by count: an offset the block lacks is written as the default entry.
+   template <typename U, typename T, typename K>
+   static void write(U& util, T& table, const Indices& run, const K& key) {
+      const auto* resolved = table.resolvedEntry(key);
+      for (std::uint32_t o = 0; o < run.size; ++o) {
+         if (resolved && resolved->has_value()) {
+            util.hwTableEntryIs(table, run.base + o, (*resolved)->entry(o));
+         } else {
+            util.hwTableEntryDel(table, run.base + o);  // a withdrawn value leaves the chip
+         }
+      }
+   }
+   template <typename U, typename T>
+   static void del(U& util, T& table, const Indices& run) {
+      forEach(run, [&](Index index) { util.hwTableEntryDel(table, index); });
+   }
+
+   template <typename A>
+   static void synced(A&, typename A::Util&) {}
+
+   // Every offset of `value` is in the synced entries at base + offset, as the chip holds it.
+   template <typename A>
+   static bool matches(A& a, Index base, const typename A::Entry& value) {
+      auto& table = *a.swTable_;
+      auto* util = table.utilIfExists();
+      if (!util) return false;
+      const std::uint32_t size = value.getBlockSize();
+      for (std::uint32_t o = 0; o < size; ++o) {
+         const Index index = base + o;
+         const auto* synced = table.syncedEntry(index);
+         if (!synced) {
+            SWT_POLICY_TRACE(a, 8, "reconcileUsingHwIndex", ": No synced entry at index:{}", index);
+            return false;
+         }
+         const auto entry = value.entry(o);
+         if (!util->compareEntries(*synced, entry)) {
+            SWT_POLICY_TRACE(a, 8, "reconcileUsingHwIndex",
+                             ": Mismatch entry:{}, syncedEntry:{}, hwIndex:{}, offset:{}, "
+                             "blockSize:{}",
+                             entry, *synced, base, o, size);
+            return false;
+         }
+      }
+      return true;
+   }
+
+   // Takes over the run at `hwIndex` for the key: every entry there is the key's (with
+   // compareHw) and the allocator gives the run.
+   template <typename A>
+   static bool recover(A& a, const typename A::Key& key, Index hwIndex, bool compareHw) {
+      SWT_POLICY_TRACE(a, 8, "reconcileUsingHwIndex", ": hwIndex:{}", hwIndex);
+      const auto* resolved = a.swTable_->resolvedEntry(key);
+      ASIC_ASSERT_TEXT(resolved && resolved->has_value(), "resolvedEntry", "no resolved entry");
+      const std::uint32_t size = key.getBlockSize();
+      if (compareHw && size != 0 && !matches(a, hwIndex, **resolved)) return false;
+      GenericIndexAllocator* alloc = a.allocator();
+      const bool fitsTable = hwIndex < alloc->numEntries() && size <= alloc->numEntries() - hwIndex;
+      if (!fitsTable || !alloc->recoverIndicesForKey(runOf(hwIndex, size), A::keyType(), &key,
+                                                     a.allocatorUser())) {
+         SWT_POLICY_TRACE(a, 8, "reconcileUsingHwIndex", ": BlockSize: {} not available at: {}",
+                          size, hwIndex);
+         return false;
+      }
+      return true;
+   }
+
+   // A key took over the run at `base`: none of its entries is stale any more.
+   template <typename A>
+   static void syncedTakenOver(A& a, const typename A::Key& key, Index base) {
+      const std::uint32_t size = key.getBlockSize();
+      for (std::uint32_t o = 0; o < size; ++o) a.swTable_->syncedEntryDel(base + o);
+   }
+
+   // The lists a waiting block names are offered the head pointers the chip holds at the
+   // same offsets of the run at `base`.
+   template <typename A>
+   static void suggestDown(A& a, const typename A::Entry& swValue, Index base) {
+      const std::uint32_t size = swValue.getBlockSize();
+      SWT_POLICY_TRACE(a, 8, "suggestIndexToNeededTable", ": entryBlock:{}, baseIndex:{}, blockSize:{}",
+                       swValue, base, size);
+      typename A::Entry synced;
+      for (std::uint32_t o = 0; o < size; ++o) {
+         if (const auto* hw = a.swTable_->syncedEntry(base + o)) synced.entryIs(o, *hw);
+      }
+      A::suggestDependentFields(swValue, synced);
+   }
+
+   // The chip does not record where one block ends and the next begins: each run of
+   // adjacent stale entries goes as one block. An index a key of this table holds now is
+   // skipped (it is, or will be, written over).
+   template <typename A>
+   static void purge(A& a) {
+      using Status = SwTable::ReconciliationStatus;
+      auto& table = *a.swTable_;
+      auto* util = table.utilIfExists();
+      GenericIndexAllocator* alloc = a.allocator();
+      Indices run;
+      auto flush = [&] {
+         if (run.size == 0) return;
+         forEach(run, [&](Index index) {
+            util->updateHwIndexRefCountTracker(table.hwTable(), index, IndexUserTracker::released);
+         });
+         SWT_POLICY_TRACE(a, 8, "handleStaleEntries",
+                          ": Deleting stale block from syncedEntry. size={}, baseIndex:{}",
+                          run.size, run.base);
+         del(*util, table, run);
+         table.updateStatistic(Status::staleEntryDeleted);
+         forEach(run, [&](Index index) {
+            if (alloc->isIndexHeld(index)) alloc->markIndexAvailable(index, A::keyType());
+         });
+         run = {};
+      };
+      for (const auto& [hwIndex, entry] : table.syncedEntries()) {
+         const GenericValue owner = alloc->keyForIndex(hwIndex, A::keyType());
+         if (const auto* key = owner.template get<typename A::Key>()) {
+            flush();
+            SWT_POLICY_TRACE(a, 8, "handleStaleEntries", " Skip index:{}", hwIndex);
+            // Left for the key to write over, or to delete if it goes first; a key that has
+            // written there already has nothing to leave.
+            const auto* eh = table.entryHandle(*key);
+            if (!eh || isExhausted(eh->hwIndex())) table.skippedStaleEntryIs(hwIndex, *key);
+            continue;
+         }
+         if (run.size != 0 && hwIndex != run.base + run.size) flush();
+         if (run.size == 0) run.base = hwIndex;
+         ++run.size;
+      }
+      flush();
+   }
+
+ private:
+   static std::vector<Index> runOf(Index base, std::uint32_t size) {
+      std::vector<Index> indices(size);
+      for (std::uint32_t o = 0; o < size; ++o) indices[o] = base + o;
+      return indices;
    }
 };
 

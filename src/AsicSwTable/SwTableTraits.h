@@ -4,7 +4,8 @@
 //
 // What a table must provide (checked by SwTableContract, with a readable message each):
 //   T::Key          copyable, registered with the type system, hashed, formatted
-//   T::Entry        default-constructible, copyable, identity ==, formatted
+//   T::Value        its value (T::Entry, unless the table names its hardware entry so):
+//                   default-constructible, copyable, identity ==, formatted
 //   T::kTypeName    the table's full type name (trace handle, plug-in path, factory)
 //   T::Util         its hardware hooks, derived from SwTableUtilT<T>
 //   T::SharedAllocator   the allocator type the engine asks the shared factory for
@@ -123,17 +124,17 @@ struct AnyFieldFn {
 };
 
 template <typename T>
-concept declaresDependentFields = requires(const typename T::Entry& c, typename T::Entry& e) {
+concept declaresDependentFields = requires(const typename T::Value& c, typename T::Value& e) {
    T::forEachNeededEntryHandle(c, AnyHandleFn{});
    T::resolveDependentFields(e);
    T::forEachDependentField(c, c, AnyFieldFn{});
 };
 template <typename T>
-concept declaresEntryValidate = requires(const typename T::Entry& e) {
+concept declaresEntryValidate = requires(const typename T::Value& e) {
    T::entryValidate(e);
 };
 template <typename T>
-concept declaresResolvedEntryMetaData = requires(const T& t, const typename T::Entry& e) {
+concept declaresResolvedEntryMetaData = requires(const T& t, const typename T::Value& e) {
    t.setResolvedEntryMetaData(e);
 };
 
@@ -143,13 +144,13 @@ concept declaresResolvedEntryMetaData = requires(const T& t, const typename T::E
 template <typename T>
 concept SwTableContract = requires {
    typename T::Key;
-   typename T::Entry;
+   typename T::Value;
    typename T::Util;
    typename T::SharedAllocator;
    typename T::Traits::IndexPolicy;
    { T::kTypeName } -> std::convertible_to<std::string_view>;
 }
-&&SwTableKey<typename T::Key>&& SwTableEntry<typename T::Entry>&& Trait::hasDependentFields<T> ==
+&&SwTableKey<typename T::Key>&& SwTableEntry<typename T::Value>&& Trait::hasDependentFields<T> ==
         Contract::declaresDependentFields<T>&& Trait::hasEntryValidate<T> ==
         Contract::declaresEntryValidate<T>&& Trait::hasResolvedEntryMetaData<T> ==
         Contract::declaresResolvedEntryMetaData<T> &&
