@@ -3,9 +3,10 @@
 // IPMC-index handles, get indices from the shared allocator, are written, complete through
 // the event loop and are removed again. Replication lists are committed over next-hop
 // handles, laid out in sparse and dense entries, written as chains over scattered indices,
-// then survive a warm restart: the tables are rebuilt over the chip, the replay is
-// reconciled through the indices the replication heads suggest, and the lists left out of
-// the replay are purged. Every step is read back from the chip's memory.
+// and named by replication head blocks of consecutive entries. Lists and heads then survive
+// a warm restart: the tables are rebuilt over the chip, each group suggests its head block's
+// base index, the heads pass the head pointers the chip holds down to their lists, and what
+// was left out of the replay is purged. Every step is read back from the chip's memory.
 
 #include <unistd.h>
 
@@ -22,8 +23,10 @@
 #include "Asic/EventLoop.h"
 #include "ChipSim/Chip.h"
 #include "ChipSim/plugins/IngIpmcRemapTableSimUtil.h"
+#include "ChipSim/plugins/MmuReplHeadTableSimUtil.h"
 #include "ChipSim/plugins/MmuReplListTableSimUtil.h"
 #include "VelmarMcast/McastIpmcRemapTable.h"
+#include "VelmarMcast/MmuReplHeadTable.h"
 #include "VelmarMcast/MmuReplListTable.h"
 #include "VelmarMcast/VelmarMcastTestEntryHandle.h"
 
@@ -133,16 +136,36 @@ bool runRemapDemo(const DemoOptions& opt, nlohmann::json& report) {
 using VelmarMcast::MmuReplListTable;
 using ListEntry = MmuReplListTable::Entry;
 
-Asic::Ptr<MmuReplListTable> listTableOver(const Asic::Ptr<ChipSim::SimHwTable>& hw) {
-   auto table = VelmarMcast::mmuReplListTableFactory();
+using VelmarMcast::MmuReplHeadTable;
+
+template <typename Table>
+Asic::Ptr<Table> tableOver(const Asic::Ptr<ChipSim::SimHwTable>& hw) {
+   auto table = Asic::swTableFactory<Table>();
    if (!table->utilIfExists()) {
-      throw std::runtime_error(
-          "no Util for VelmarMcast::MmuReplListTable: set VELMAR_PLUGIN_PATH "
-          "to the directory holding AsicFeature/");
+      throw std::runtime_error(fmt::format("no Util for {}: set VELMAR_PLUGIN_PATH to the "
+                                           "directory holding AsicFeature/",
+                                           Table::kTypeName));
    }
    table->hwTableIs(hw);
    table->doCreateAllocator();
    return table;
+}
+
+// The head block of group g: one entry per port speed, each naming one of the group's lists.
+constexpr std::uint32_t kListsPerGroup = 4;
+MmuReplHeadTable::EntryBlock headBlock(
+    std::uint32_t group, const std::vector<Asic::Ptr<const Asic::SwTableBase::EntryHandle>>& lists,
+    std::uint32_t egress) {
+   static constexpr std::array<Interface::EthSpeed, kListsPerGroup> speeds = {
+       Interface::EthSpeed::speed25Gbps, Interface::EthSpeed::speed100Gbps,
+       Interface::EthSpeed::speed400Gbps, Interface::EthSpeed::speed800Gbps};
+   MmuReplHeadTable::EntryBlock block;
+   for (std::uint32_t o = 0; o < kListsPerGroup && group * kListsPerGroup + o < lists.size(); ++o) {
+      block.entryIs(o, MmuReplHeadTable::Entry(lists[group * kListsPerGroup + o],
+                                               static_cast<std::uint16_t>(egress), speeds[o],
+                                               1000 + group));
+   }
+   return block;
 }
 
 // Even lists spread their egress objects over the next hops (sparse entries only); odd
@@ -173,7 +196,11 @@ bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
    const std::uint32_t entries = opt.lists * ((opt.egress + 3) / 4) + 1024;
    auto hw = chip.tableIs(ChipSim::ReplListFormat::kMemory, entries,
                           ChipSim::ReplListFormat::kEntryWords);
-   auto table = listTableOver(hw);
+   const std::uint32_t groups = (opt.lists + kListsPerGroup - 1) / kListsPerGroup;
+   auto headHw = chip.tableIs(ChipSim::MmuReplHeadTableSimUtil::kMemory, opt.lists + 1024,
+                              ChipSim::MmuReplHeadTableSimUtil::kEntryWords);
+   auto table = tableOver<MmuReplListTable>(hw);
+   auto heads = tableOver<MmuReplHeadTable>(headHw);
 
    // Next hops of the egress-object tables, already programmed at indices 0..4095.
    std::vector<Asic::Ptr<VelmarMcast::VelmarMcastTestEntryHandle>> nextHops;
@@ -181,10 +208,15 @@ bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
       nextHops.push_back(VelmarMcast::testEntryHandle(i, Asic::SwTableBase::EntryState::success));
    }
    const std::vector<ListEntry> lists = replicationLists(opt, nextHops);
-   std::vector<Asic::Index> firstIndex;
-   for (const ListEntry& list : lists) table->entryCommit(list, list);
+   std::vector<Asic::Ptr<const Asic::SwTableBase::EntryHandle>> listHandles;
+   for (const ListEntry& list : lists) listHandles.push_back(table->entryCommit(list, list));
+   for (std::uint32_t g = 0; g < groups; ++g) {
+      heads->entryBlockCommit(headBlock(g, listHandles, opt.egress));
+   }
+   listHandles.clear();
    loop.runUntilIdle();
    const auto coldWrites = hw->counters().writes;
+   const auto coldHeadWrites = headHw->counters().writes;
 
    // Read the chip back: each list is a chain from its first index over exactly its
    // indices, holding exactly its entries.
@@ -192,46 +224,91 @@ bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
    std::uint32_t verified = 0;
    for (const ListEntry& list : lists) {
       const auto* eh = table->entryWeakRef(list);
-      firstIndex.push_back(eh ? eh->hwIndex() : Asic::invalidIndex);
       if (!eh) continue;
       verified +=
           ChipSim::chainAt<ChipSim::ReplListFormat>(*hw, eh->hwIndex()) == table->hwIndices(list) &&
           util.compareHwEntries(*table, eh->hwIndex(), table->entry(list));
    }
    const auto programmed = hw->memory().validEntries();
+   // Each group's head block, read back: its entries point at the first index of its lists.
+   std::vector<Asic::Index> headBase(groups, Asic::invalidIndex);
+   std::uint32_t headsVerified = 0;
+   for (std::uint32_t g = 0; g < groups; ++g) {
+      std::vector<Asic::Ptr<const Asic::SwTableBase::EntryHandle>> handles(lists.size());
+      for (std::uint32_t o = 0; o < kListsPerGroup && g * kListsPerGroup + o < lists.size(); ++o) {
+         handles[g * kListsPerGroup + o] = table->entryWeakRef(lists[g * kListsPerGroup + o]);
+      }
+      const auto block = headBlock(g, handles, opt.egress);
+      const auto* eh = heads->entryWeakRef(block);
+      if (!eh) continue;
+      headBase[g] = eh->hwIndex();
+      bool ok = true;
+      for (const auto& [o, entry] : block.entryInternal()) {
+         ChipSim::MmuReplHeadTableSimUtil::Words words{};
+         ok = ok && headHw->entryRead(eh->hwIndex() + o, words) &&
+              ChipSim::MmuReplHeadTableSimUtil::decode(words).headPtr ==
+                  entry.headPtrHandle->hwIndex();
+      }
+      headsVerified += ok;
+   }
 
-   // Warm restart: every software object goes, the chip stays. One list in ten is left out
-   // of the replay; the replication heads suggest where the others sit.
-   table->detachFromChip();
+   // Warm restart: every software object goes, the chip stays. One group in ten is left
+   // out of the replay; each other group suggests where its head block sits, and the heads
+   // pass down where their lists sit.
+   for (auto* t : {static_cast<Asic::SwTable*>(table.get()), static_cast<Asic::SwTable*>(heads.get())}) {
+      t->hwTableIs(nullptr);
+   }
+   table->utilIs(nullptr);
+   heads->utilIs(nullptr);
+   heads->cleanup();
    table->cleanup();
-   table = listTableOver(hw);
+   table = tableOver<MmuReplListTable>(hw);
+   heads = tableOver<MmuReplHeadTable>(headHw);
    table->configReplayCompleteIs(false);
+   heads->configReplayCompleteIs(false);
    table->syncEntries();
+   heads->syncEntries();
    const auto synced = table->syncedEntries().size();
    hw->countersReset();
-   std::uint32_t replayed = 0, dropped = 0;
-   for (std::uint32_t n = 0; n < opt.lists; ++n) {
-      if (n % 10 == 9) {
-         ++dropped;
-         continue;
+   headHw->countersReset();
+   std::uint32_t replayed = 0, dropped = 0, groupsReplayed = 0;
+   for (std::uint32_t g = 0; g < groups; ++g) {
+      std::vector<Asic::Ptr<const Asic::SwTableBase::EntryHandle>> handles(lists.size());
+      const bool drop = g % 10 == 9;
+      for (std::uint32_t o = 0; o < kListsPerGroup && g * kListsPerGroup + o < lists.size(); ++o) {
+         const ListEntry& list = lists[g * kListsPerGroup + o];
+         if (drop) {
+            ++dropped;
+            continue;
+         }
+         handles[g * kListsPerGroup + o] = table->entryCommit(list, list);
+         ++replayed;
       }
-      auto eh = table->entryCommit(lists[n], lists[n]);
-      Asic::SwTableBase::suggestIndicesToNeededEntryHandle(eh.get(), {firstIndex[n]});
-      ++replayed;
+      if (drop) continue;
+      auto eh = heads->entryBlockCommit(headBlock(g, handles, opt.egress));
+      Asic::SwTableBase::suggestIndicesToNeededEntryHandle(eh.get(), {headBase[g]});
+      ++groupsReplayed;
    }
    table->doInitComplete();
+   heads->doInitComplete();
    table->purgeStaleEntries();
+   heads->purgeStaleEntries();
    loop.runUntilIdle();
    using Status = Asic::SwTable::ReconciliationStatus;
    const auto& stats = table->reconciliationStats();
-   const auto warmWrites = hw->counters().writes;
-   const auto warmDeletes = hw->counters().clears;
+   const auto warmWrites = hw->counters().writes + headHw->counters().writes;
+   const auto warmDeletes = hw->counters().clears + headHw->counters().clears;
    const auto afterPurge = hw->memory().validEntries();
 
+   heads->entryBlockRemoveAll();
+   loop.runUntilIdle();
    for (std::uint32_t n = 0; n < opt.lists; ++n) table->entryRemove(lists[n]);
    loop.runUntilIdle();
-   const auto left = hw->memory().validEntries();
+   const auto left = hw->memory().validEntries() + headHw->memory().validEntries();
    const auto used = table->indexAllocator()->totalUsedIndices();
+   const auto& headStats = heads->reconciliationStats();
+   const auto headsReconciled = headStats[Status::reconciled];
+   heads->cleanup();
    table->cleanup();
 
    report["replicationLists"] = {
@@ -240,10 +317,15 @@ bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
        {"coldWrites", coldWrites},
        {"entriesInChip", programmed},
        {"listsVerified", verified},
+       {"headBlocks", groups},
+       {"headWrites", coldHeadWrites},
+       {"headBlocksVerified", headsVerified},
        {"warmRestart",
         {{"listsSynced", synced},
          {"listsReplayed", replayed},
          {"reconciled", stats[Status::reconciled]},
+         {"headBlocksReplayed", groupsReplayed},
+         {"headBlocksReconciled", headsReconciled},
          {"staleListsPurged", stats[Status::staleEntryDeleted]},
          {"writes", warmWrites},
          {"deletes", warmDeletes},
@@ -256,16 +338,21 @@ bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
       fmt::print("  committed {} lists of {} egress objects: {} writes, {} entries in the chip\n",
                  opt.lists, opt.egress, coldWrites, programmed);
       fmt::print("  {} lists read back as chains equal to what was committed\n", verified);
+      fmt::print("  {} head blocks: {} writes, {} read back pointing at their lists\n", groups,
+                 coldHeadWrites, headsVerified);
       fmt::print(
           "  warm restart: {} lists synced from the chip, {} replayed, {} reconciled, {} "
           "stale purged\n",
           synced, replayed, stats[Status::reconciled], stats[Status::staleEntryDeleted]);
+      fmt::print("    {} head blocks replayed, {} reconciled in place\n", groupsReplayed,
+                 headsReconciled);
       fmt::print("    {} writes, {} deletes; {} entries in the chip\n", warmWrites, warmDeletes,
                  afterPurge);
       fmt::print("  removed all: {} entries left, {} indices used (the reserved index 0)\n", left,
                  used);
    }
-   return verified == opt.lists && synced == opt.lists && stats[Status::reconciled] == replayed &&
+   return verified == opt.lists && headsVerified == groups && synced == opt.lists &&
+          headsReconciled == groupsReplayed && stats[Status::reconciled] == replayed &&
           stats[Status::staleEntryDeleted] == dropped && warmWrites == 0 && left == 0 && used == 1;
 }
 
