@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <concepts>
 #include <new>
 #include <string>
 #include <string_view>
@@ -17,6 +18,8 @@
 
 #include <absl/hash/hash.h>
 #include <fmt/format.h>
+
+#include "Asic/TypeName.h"
 
 namespace Asic {
 
@@ -31,12 +34,24 @@ struct TypeDescriptor {
    std::string (*toString)(const void* obj);
 };
 
+// Built-in unsigned integers take part under their own spelling ("unsigned int"): a table
+// whose key is its hardware index keys on one.
 template <typename T>
-concept RegisteredType = requires(const T& t) {
-   { T::kTypeName } -> std::convertible_to<std::string_view>;
-   { t == t } -> std::convertible_to<bool>;
-   {fmt::format("{}", t)};
-};
+concept RegisteredType = (std::unsigned_integral<T> && !std::same_as<T, bool>) ||
+                         requires(const T& t) {
+                            { T::kTypeName } -> std::convertible_to<std::string_view>;
+                            { t == t } -> std::convertible_to<bool>;
+                            {fmt::format("{}", t)};
+                         };
+
+template <RegisteredType T>
+constexpr std::string_view registeredTypeName() noexcept {
+   if constexpr (std::unsigned_integral<T>) {
+      return compilerTypeName<T>();
+   } else {
+      return T::kTypeName;
+   }
+}
 
 template <typename T>
 std::size_t hashOf(const T& value, std::uint32_t seed = 0) {
@@ -50,7 +65,7 @@ std::size_t hashOf(const T& value, std::uint32_t seed = 0) {
 template <RegisteredType T>
 const TypeDescriptor& vixType() {
    static const TypeDescriptor descriptor{
-       T::kTypeName,
+       registeredTypeName<T>(),
        sizeof(T),
        alignof(T),
        [](void* dst, const void* src) { ::new (dst) T(*static_cast<const T*>(src)); },

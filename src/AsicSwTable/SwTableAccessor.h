@@ -255,7 +255,9 @@ class SwTable::Accessor {
    // programmed there. An index the allocator refuses is a std::invalid_argument naming the
    // table, the index and why, with nothing bound or written, unless the table's rule is
    // that the commit follows anyway (writeAtRefusedIndexCommits).
-   Ptr<EntryHandle> entryWriteAtIndex(Index index, const Key& key, const Entry& entry) {
+   Ptr<EntryHandle> entryWriteAtIndex(Index index, const Key& key, const Entry& entry)
+      requires Policy::usesAllocator
+   {
       using Request = GenericIndexAllocator::RequestStatus;
       GenericIndexAllocator* alloc = swTable_->indexAllocator();
       if (!alloc) {
@@ -489,14 +491,18 @@ class SwTable::Accessor {
          });
          Policy::del(*util, *swTable_, hwIndices);
       }
-      if (auto* alloc = swTable_->indexAllocator()) {
-         alloc->releaseIndexFromTable(keyType(), &key, allocatorUser());
+      if constexpr (Policy::usesAllocator) {
+         if (auto* alloc = swTable_->indexAllocator()) {
+            alloc->releaseIndexFromTable(keyType(), &key, allocatorUser());
+         }
       }
    }
 
    // The index the key holds: the allocator's record, else the handle's last index.
    std::optional<Index> doRetrieveHwIndex(const Key& key) const {
-      if (auto* alloc = swTable_->indexAllocator()) {
+      if constexpr (!Policy::usesAllocator) {
+         return Policy::retrieve(*this, key);
+      } else if (auto* alloc = swTable_->indexAllocator()) {
          if (auto index = alloc->indexForKey(keyType(), &key)) return index;
       }
       if (const EntryHandle* eh = swTable_->entryHandle(key)) return eh->hwIndex();
@@ -691,6 +697,7 @@ class SwTable::Accessor {
 
    // --- set-up -------------------------------------------------------------------------
    void doCreateAllocator() {
+      if constexpr (!Policy::usesAllocator) return;  // the key is the index
       swTable_->doInitAllocator();
       if (HwTable* hw = swTable_->hwTable()) {
          const std::uint32_t used = allocator()->totalUsedIndices();
@@ -726,7 +733,7 @@ class SwTable::Accessor {
 
    Status reconcileSyncedEntry(const Key& key) {
       if (swTable_->syncedEntries().empty()) return Status::nothingToReconcile;
-      auto index = allocator()->indexForKey(keyType(), &key);
+      auto index = Policy::heldIndex(*this, key);
       if (!index || isExhausted(*index)) {
          return isExhausted(reconcileUsingIndexHelper(key, true)) ? Status::notReconciled
                                                                   : Status::reconciled;
@@ -847,7 +854,7 @@ class SwTable::Accessor {
          if (!eh) continue;
          RefCounted::Pin pin(eh);
          if (swTable_->indexHelper(eh)) {
-            auto index = allocator()->indexForKey(keyType(), &key);
+            auto index = Policy::heldIndex(*this, key);
             if (!index) {
                const Index found = reconcileUsingIndexHelper(key, false);
                if (!isExhausted(found)) {
@@ -897,7 +904,7 @@ class SwTable::Accessor {
       swTable_->syncedEntryDelAll();
    }
 
-   void handleStaleEntries() requires(Trait::isUnknownIndexTable<T>) { Policy::purge(*this); }
+   void handleStaleEntries() { Policy::purge(*this); }
 
    void entryRemoveAll() {
       Kestrel::record(T::kTypeName.data(), "entryRemoveAll");
@@ -1052,8 +1059,10 @@ class SwTable::Accessor {
       auto takeOverIndex = [&](bool complete) {
          // This table now uses the index as a cold start's allocation would have recorded,
          // so that a neighbour letting go of the key cannot free it under the entry.
-         if (hwIndex && allocator()->indexForKey(keyType(), &key) == hwIndex) {
-            allocator()->requestIndexForKey(*hwIndex, keyType(), &key, allocatorUser());
+         if constexpr (Policy::usesAllocator) {
+            if (hwIndex && allocator()->indexForKey(keyType(), &key) == hwIndex) {
+               allocator()->requestIndexForKey(*hwIndex, keyType(), &key, allocatorUser());
+            }
          }
          if (eh) {
             swTable_->indexHelperDel(eh);
@@ -1281,10 +1290,14 @@ class SwTableImpl : public Base {
    // --- life cycle ---------------------------------------------------------------------
    void doCreateAllocator() { accessor().doCreateAllocator(); }
    virtual void doInitAllocator() {
-      accessor().template initAllocator<typename Derived::SharedAllocator>();
-      this->indexAllocator()->initializedIs(true);
+      if constexpr (SwTable::Accessor<Derived>::Policy::usesAllocator) {
+         accessor().template initAllocator<typename Derived::SharedAllocator>();
+         this->indexAllocator()->initializedIs(true);
+      }
    }
-   virtual void doReserveIndicesAtTableInit() { this->indexAllocator()->reserveIndices(0, 0); }
+   virtual void doReserveIndicesAtTableInit() {
+      if (auto* alloc = this->indexAllocator()) alloc->reserveIndices(0, 0);
+   }
    void syncEntries() { accessor().syncEntries(); }
    void doInitComplete() { accessor().doInitComplete(); }
    void purgeStaleEntries() { accessor().purgeStaleEntries(); }
@@ -1458,6 +1471,13 @@ class SwTableImpl : public Base {
       this->publish("resolvedEntry");
       accessor().handleEntry(key);
       return true;
+   }
+   // Stores a value the chip already holds as the key's resolved one, without programming
+   // it (a register adopting what it read back at a restart). A key with a value keeps it.
+   bool resolvedEntryAdopt(const Key& key, const Entry& value) {
+      auto [it, inserted] = resolvedEntries_.try_emplace(key, value);
+      if (inserted) this->publish("resolvedEntry");
+      return inserted;
    }
    void resolvedEntryDel(const Key& key) {
       auto it = resolvedEntries_.find(key);

@@ -9,7 +9,9 @@
 // The policies' functions take the table's accessor (`a`), of which they are friends.
 
 #include <cstddef>
+#include <concepts>
 #include <exception>
+#include <optional>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -93,6 +95,13 @@ namespace IndexPolicy {
 // What the kinds whose synced records are of the table's own entry type share.
 struct PerEntrySync {
    struct HandleState {};  // nothing on the handle beyond its index
+   static constexpr bool usesAllocator = true;
+
+   // The index the key holds now, if any (its first, for a block).
+   template <typename A>
+   static std::optional<Index> heldIndex(A& a, const typename A::Key& key) {
+      return a.allocator()->indexForKey(A::keyType(), &key);
+   }
 
    // The hardware entry at `hwIndex` holds `value`.
    template <typename A>
@@ -400,6 +409,11 @@ struct ScatteredBlock : PerEntrySync {
 // of head entries, Key::entry(offset)). Offset o of a key lives at base + o. Nothing is
 // allocated per programming.
 struct ConsecutiveRun {
+   static constexpr bool usesAllocator = true;
+   template <typename A>
+   static std::optional<Index> heldIndex(A& a, const typename A::Key& key) {
+      return PerEntrySync::heldIndex(a, key);
+   }
    struct Indices {
       Index base = invalidIndex;
       std::uint32_t size = 0;
@@ -594,6 +608,80 @@ struct ConsecutiveRun {
       std::vector<Index> indices(size);
       for (std::uint32_t o = 0; o < size; ++o) indices[o] = base + o;
       return indices;
+   }
+};
+
+// The key is the hardware index (the port aggregation register): no allocator, nothing to
+// acquire, nothing to take over but the key's own index.
+struct KeyIsIndex : PerEntrySync {
+   static constexpr bool usesAllocator = false;
+   using Indices = Index;
+   template <typename T>
+   static constexpr bool fits =
+       std::same_as<typename T::Key, Index> && !Trait::getBlockSizeDefinedByUser<T>;
+   template <typename T>
+   using UtilBase = SwTableUtilOneIndexT<T>;
+
+   static Index first(Index index) noexcept { return index; }
+   static Index of(Index index) noexcept { return index; }
+   template <typename F>
+   static void forEach(Index index, F&& fn) {
+      fn(index);
+   }
+   template <typename A>
+   static std::optional<Index> heldIndex(A&, Index key) {
+      return key;
+   }
+   template <typename A>
+   static Index acquire(A&, Index key, const typename A::Entry&) {
+      return key;
+   }
+   template <typename A>
+   static Index retrieve(const A&, Index key) {
+      return key;
+   }
+   template <typename A>
+   static void traceAcquired(const A& a, Index index) {
+      SWT_POLICY_TRACE(a, 8, "traceHwIndex", " Acquired hwIndex : {}", index);
+   }
+   template <typename U, typename T, typename K>
+   static void write(U& util, T& table, Index index, const K& key) {
+      util.hwTableEntryIs(table, index, key);
+   }
+   template <typename U, typename T>
+   static void del(U& util, T& table, Index index) {
+      util.hwTableEntryDel(table, index);
+   }
+   template <typename A>
+   static void synced(A&, typename A::Util&) {}
+
+   template <typename A>
+   static bool recover(A& a, Index key, Index hwIndex, bool compareHw) {
+      if (hwIndex != key) return false;
+      const auto* resolved = a.swTable_->resolvedEntry(key);
+      ASIC_ASSERT_TEXT(resolved && resolved->has_value(), "resolvedEntry", "no resolved entry");
+      return !compareHw || matches(a, hwIndex, **resolved);
+   }
+
+   // An index someone holds (a replayed or adopted value) keeps its hardware entry; the
+   // others go.
+   template <typename A>
+   static void purge(A& a) {
+      using Status = SwTable::ReconciliationStatus;
+      auto& table = *a.swTable_;
+      auto* util = table.utilIfExists();
+      for (const auto& [index, entry] : table.syncedEntries()) {
+         const auto* resolved = table.resolvedEntry(index);
+         if (resolved && resolved->has_value()) {
+            SWT_POLICY_TRACE(a, 8, "handleStaleEntries", " Skip resolved key:{}", index);
+            continue;  // the synced records all go when the purge ends
+         }
+         util->updateHwIndexRefCountTracker(table.hwTable(), index, IndexUserTracker::released);
+         util->hwTableEntryDel(table, index);
+         SWT_POLICY_TRACE(a, 8, "handleStaleEntries", ": Deleting stale hwEntry for key:{}",
+                          index);
+         table.updateStatistic(Status::staleEntryDeleted);
+      }
    }
 };
 

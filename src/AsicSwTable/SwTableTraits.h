@@ -146,8 +146,9 @@ concept SwTableContract = requires {
    typename T::Key;
    typename T::Value;
    typename T::Util;
-   typename T::SharedAllocator;
    typename T::Traits::IndexPolicy;
+   // a table that allocates names its allocator type
+   requires !T::Traits::IndexPolicy::usesAllocator || requires { typename T::SharedAllocator; };
    { T::kTypeName } -> std::convertible_to<std::string_view>;
 }
 &&SwTableKey<typename T::Key>&& SwTableEntry<typename T::Value>&& Trait::hasDependentFields<T> ==
