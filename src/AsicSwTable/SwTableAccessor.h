@@ -214,6 +214,10 @@ class SwTable::Accessor {
    static_assert(Trait::hasResolvedEntryMetaData<T> == Contract::declaresResolvedEntryMetaData<T>,
                  "Traits::hasResolvedEntryMetaData goes with setResolvedEntryMetaData(const "
                  "Entry&) const: one is there without the other");
+   static_assert(Trait::isKnownIndexTable<T> == !Policy::usesAllocator &&
+                     !(Trait::isKnownIndexTable<T> && Trait::isUnknownIndexTable<T>),
+                 "a known-index table (isKnownIndexTable: the key is its index) takes the "
+                 "KeyIsIndex policy, and every other table an allocating one");
    static_assert(!Trait::hasRemoteAllocator<T>,
                  "tables whose indices another agent allocates (hasRemoteAllocator) are not "
                  "implemented by this engine");

@@ -65,6 +65,12 @@ concept isUnknownIndexTable = requires {
    requires T::Traits::isUnknownIndexTable;
 };
 
+// The key is the hardware index: no allocator (the port aggregation register).
+template <typename T>
+concept isKnownIndexTable = requires {
+   requires T::Traits::isKnownIndexTable;
+};
+
 // Indices come from another agent: no local reconciliation by index, no suggestions.
 template <typename T>
 concept hasRemoteAllocator = requires {
