@@ -66,7 +66,7 @@ TEST(MmuReplHeadEntryTest, TextFormReadsBackAndNamesTheFieldAtFault) {
    EXPECT_EQ(text,
              "{headPtrHandle: null, headPtr: 41, numNextHops: 12, portSpeed: speed25Gbps, "
              "ipmcIndex: 300}");
-   Asic::CharRange range(text);
+   Asic::CharRange range{text};
    HeadEntry back(range);
    EXPECT_EQ(back, e);
    EXPECT_EQ(back.headPtr, 41u);
@@ -77,7 +77,7 @@ TEST(MmuReplHeadEntryTest, TextFormReadsBackAndNamesTheFieldAtFault) {
              "numNextHops"},
             {"{headPtrHandle: null, headPtr: 1, numNextHops: 1, portSpeed: fast, ipmcIndex: 1}",
              "portSpeed"}}) {
-      Asic::CharRange r(bad);
+      Asic::CharRange r{bad};
       try {
          HeadEntry parsed(r);
          ADD_FAILURE() << bad;
@@ -86,7 +86,7 @@ TEST(MmuReplHeadEntryTest, TextFormReadsBackAndNamesTheFieldAtFault) {
       }
    }
    Asic::ScopedAssertThrow asserts;
-   Asic::CharRange blockText("{0: {}}");
+   Asic::CharRange blockText{"{0: {}}"};
    try {
       Block b(blockText);
       ADD_FAILURE() << "a block was read from text";
