@@ -1,12 +1,13 @@
 // The reference agent's entry point. For now it runs an end-to-end demonstration on the
 // simulated chip, in two parts. IPMC remap entries are committed, follow their needed
 // IPMC-index handles, get indices from the shared allocator, are written, complete through
-// the event loop and are removed again. Replication lists are committed over next-hop
-// handles, laid out in sparse and dense entries, written as chains over scattered indices,
-// and named by replication head blocks of consecutive entries. Lists and heads then survive
-// a warm restart: the tables are rebuilt over the chip, each group suggests its head block's
-// base index, the heads pass the head pointers the chip holds down to their lists, and what
-// was left out of the replay is purged. Every step is read back from the chip's memory.
+// the event loop and are removed again. Then whole multicast groups: replication lists over
+// next-hop handles (sparse and dense entries, chains over scattered indices), head blocks of
+// consecutive entries naming them and remap entries naming each group's IPMC index, committed
+// heads first. They survive a warm restart: the tables are rebuilt over the chip, the IPMC
+// lookup keeps its indices, each group suggests its head block's base index, the heads pass
+// the head pointers the chip holds down to their lists, nothing is rewritten, and the groups
+// left out of the replay are purged. Every step is read back from the chip's memory.
 
 #include <unistd.h>
 
@@ -155,7 +156,7 @@ Asic::Ptr<Table> tableOver(const Asic::Ptr<ChipSim::SimHwTable>& hw) {
 constexpr std::uint32_t kListsPerGroup = 4;
 MmuReplHeadTable::EntryBlock headBlock(
     std::uint32_t group, const std::vector<Asic::Ptr<const Asic::SwTableBase::EntryHandle>>& lists,
-    std::uint32_t egress) {
+    std::uint32_t egress, Asic::Index ipmcIndex) {
    static constexpr std::array<Interface::EthSpeed, kListsPerGroup> speeds = {
        Interface::EthSpeed::speed25Gbps, Interface::EthSpeed::speed100Gbps,
        Interface::EthSpeed::speed400Gbps, Interface::EthSpeed::speed800Gbps};
@@ -163,7 +164,7 @@ MmuReplHeadTable::EntryBlock headBlock(
    for (std::uint32_t o = 0; o < kListsPerGroup && group * kListsPerGroup + o < lists.size(); ++o) {
       block.entryIs(o, MmuReplHeadTable::Entry(lists[group * kListsPerGroup + o],
                                                static_cast<std::uint16_t>(egress), speeds[o],
-                                               1000 + group));
+                                               ipmcIndex));
    }
    return block;
 }
@@ -190,6 +191,25 @@ std::vector<ListEntry> replicationLists(
    return lists;
 }
 
+// The L3 multicast lookup owns each group's IPMC index in the remap table's shared
+// allocator; across the restart it keeps the indices of the groups it still has.
+struct IpmcLookup {
+   std::vector<VelmarL3Common::L3IpmcKey> keys;
+   std::vector<Asic::Index> indices;
+   static const Asic::TypeDescriptor& keyType() { return Asic::vixType<VelmarL3Common::L3IpmcKey>(); }
+   void allocate(Asic::GenericIndexAllocator& alloc, std::uint32_t groups) {
+      for (std::uint32_t g = 0; g < groups; ++g) {
+         keys.push_back(VelmarL3Common::L3IpmcKey{0xEF100000u + g, 0});
+         indices.push_back(alloc.newIndexForKey(keyType(), &keys.back(), this));
+      }
+   }
+   bool recover(Asic::GenericIndexAllocator& alloc, std::uint32_t g) {
+      return alloc.recoverIndexForKey(indices[g], keyType(), &keys[g], this);
+   }
+};
+
+// Whole groups: a remap entry naming the group's IPMC index, a head block naming the
+// group's lists, and the lists, committed in the opposite order of their needs.
 bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
    Asic::EventLoop loop;
    ChipSim::Chip chip(loop, 0);
@@ -199,8 +219,17 @@ bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
    const std::uint32_t groups = (opt.lists + kListsPerGroup - 1) / kListsPerGroup;
    auto headHw = chip.tableIs(ChipSim::MmuReplHeadTableSimUtil::kMemory, opt.lists + 1024,
                               ChipSim::MmuReplHeadTableSimUtil::kEntryWords);
+   auto remapHw = chip.tableIs("ING_IPMC_REMAP", groups + 1024,
+                               ChipSim::IngIpmcRemapTableSimUtil::kEntryWords);
    auto table = tableOver<MmuReplListTable>(hw);
    auto heads = tableOver<MmuReplHeadTable>(headHw);
+   auto remaps = tableOver<VelmarMcast::IngIpmcRemapTable>(remapHw);
+   IpmcLookup lookup;
+   lookup.allocate(*remaps->indexAllocator(), groups);
+   auto remapEntry = [&](std::uint32_t g) {
+      return VelmarMcast::IngIpmcRemapTableEntry(
+          VelmarMcast::testEntryHandle(lookup.indices[g], State::success), g % 32);
+   };
 
    // Next hops of the egress-object tables, already programmed at indices 0..4095.
    std::vector<Asic::Ptr<VelmarMcast::VelmarMcastTestEntryHandle>> nextHops;
@@ -208,10 +237,19 @@ bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
       nextHops.push_back(VelmarMcast::testEntryHandle(i, Asic::SwTableBase::EntryState::success));
    }
    const std::vector<ListEntry> lists = replicationLists(opt, nextHops);
+   // The heads are committed before the lists they name, and wait for them.
    std::vector<Asic::Ptr<const Asic::SwTableBase::EntryHandle>> listHandles;
-   for (const ListEntry& list : lists) listHandles.push_back(table->entryCommit(list, list));
    for (std::uint32_t g = 0; g < groups; ++g) {
-      heads->entryBlockCommit(headBlock(g, listHandles, opt.egress));
+      remaps->entryCommit(lookup.keys[g], remapEntry(g));
+   }
+   {
+      // References to lists not committed yet: the lists' own handles once they are.
+      for (const ListEntry& list : lists) listHandles.push_back(table->entryRef(list, list));
+      for (std::uint32_t g = 0; g < groups; ++g) {
+         heads->entryBlockCommit(
+             headBlock(g, listHandles, opt.egress, lookup.indices[g]));
+      }
+      for (const ListEntry& list : lists) table->entryCommit(list, list);
    }
    listHandles.clear();
    loop.runUntilIdle();
@@ -238,7 +276,7 @@ bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
       for (std::uint32_t o = 0; o < kListsPerGroup && g * kListsPerGroup + o < lists.size(); ++o) {
          handles[g * kListsPerGroup + o] = table->entryWeakRef(lists[g * kListsPerGroup + o]);
       }
-      const auto block = headBlock(g, handles, opt.egress);
+      const auto block = headBlock(g, handles, opt.egress, lookup.indices[g]);
       const auto* eh = heads->entryWeakRef(block);
       if (!eh) continue;
       headBase[g] = eh->hwIndex();
@@ -252,25 +290,39 @@ bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
       headsVerified += ok;
    }
 
-   // Warm restart: every software object goes, the chip stays. One group in ten is left
-   // out of the replay; each other group suggests where its head block sits, and the heads
-   // pass down where their lists sit.
-   for (auto* t : {static_cast<Asic::SwTable*>(table.get()), static_cast<Asic::SwTable*>(heads.get())}) {
-      t->hwTableIs(nullptr);
+   std::uint32_t remapsVerified = 0;
+   for (std::uint32_t g = 0; g < groups; ++g) {
+      const auto* eh = remaps->entryWeakRef(lookup.keys[g]);
+      std::array<std::uint32_t, 1> words{};
+      remapsVerified +=
+          eh && remapHw->entryRead(eh->hwIndex(), words) &&
+          ChipSim::IngIpmcRemapTableSimUtil::decode(words).remappedIpmcIndex == lookup.indices[g];
    }
-   table->utilIs(nullptr);
-   heads->utilIs(nullptr);
+   const auto coldRemapWrites = remapHw->counters().writes;
+
+   // Warm restart: every software object goes, the chip stays. One group in ten is left
+   // out of the replay (the lookup lets go of its index); each other group suggests where
+   // its head block sits, and the heads pass down where their lists sit.
+   table->detachFromChip();
+   heads->detachFromChip();
+   remaps->detachFromChip();
+   remaps->cleanup();
    heads->cleanup();
    table->cleanup();
    table = tableOver<MmuReplListTable>(hw);
    heads = tableOver<MmuReplHeadTable>(headHw);
-   table->configReplayCompleteIs(false);
-   heads->configReplayCompleteIs(false);
+   remaps = tableOver<VelmarMcast::IngIpmcRemapTable>(remapHw);
+   for (auto* t : {static_cast<Asic::SwTable*>(table.get()), static_cast<Asic::SwTable*>(heads.get()),
+                   static_cast<Asic::SwTable*>(remaps.get())}) {
+      t->configReplayCompleteIs(false);
+   }
    table->syncEntries();
    heads->syncEntries();
+   remaps->syncEntries();
    const auto synced = table->syncedEntries().size();
    hw->countersReset();
    headHw->countersReset();
+   remapHw->countersReset();
    std::uint32_t replayed = 0, dropped = 0, groupsReplayed = 0;
    for (std::uint32_t g = 0; g < groups; ++g) {
       std::vector<Asic::Ptr<const Asic::SwTableBase::EntryHandle>> handles(lists.size());
@@ -285,29 +337,42 @@ bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
          ++replayed;
       }
       if (drop) continue;
-      auto eh = heads->entryBlockCommit(headBlock(g, handles, opt.egress));
+      auto eh = heads->entryBlockCommit(headBlock(g, handles, opt.egress, lookup.indices[g]));
       Asic::SwTableBase::suggestIndicesToNeededEntryHandle(eh.get(), {headBase[g]});
+      if (!lookup.recover(*remaps->indexAllocator(), g)) {
+         throw std::runtime_error(fmt::format("IPMC lookup: index {} of group {} not recovered",
+                                              lookup.indices[g], g));
+      }
+      remaps->entryCommit(lookup.keys[g], remapEntry(g));
       ++groupsReplayed;
    }
    table->doInitComplete();
    heads->doInitComplete();
+   remaps->doInitComplete();
    table->purgeStaleEntries();
    heads->purgeStaleEntries();
+   remaps->purgeStaleEntries();
    loop.runUntilIdle();
    using Status = Asic::SwTable::ReconciliationStatus;
    const auto& stats = table->reconciliationStats();
-   const auto warmWrites = hw->counters().writes + headHw->counters().writes;
-   const auto warmDeletes = hw->counters().clears + headHw->counters().clears;
+   const auto warmWrites =
+       hw->counters().writes + headHw->counters().writes + remapHw->counters().writes;
+   const auto warmDeletes =
+       hw->counters().clears + headHw->counters().clears + remapHw->counters().clears;
    const auto afterPurge = hw->memory().validEntries();
 
+   remaps->entryRemoveAll();
    heads->entryBlockRemoveAll();
    loop.runUntilIdle();
    for (std::uint32_t n = 0; n < opt.lists; ++n) table->entryRemove(lists[n]);
    loop.runUntilIdle();
-   const auto left = hw->memory().validEntries() + headHw->memory().validEntries();
+   const auto left = hw->memory().validEntries() + headHw->memory().validEntries() +
+                     remapHw->memory().validEntries();
    const auto used = table->indexAllocator()->totalUsedIndices();
    const auto& headStats = heads->reconciliationStats();
    const auto headsReconciled = headStats[Status::reconciled];
+   const auto remapsReconciled = remaps->reconciliationStats()[Status::reconciled];
+   remaps->cleanup();
    heads->cleanup();
    table->cleanup();
 
@@ -320,12 +385,15 @@ bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
        {"headBlocks", groups},
        {"headWrites", coldHeadWrites},
        {"headBlocksVerified", headsVerified},
+       {"remapWrites", coldRemapWrites},
+       {"remapEntriesVerified", remapsVerified},
        {"warmRestart",
         {{"listsSynced", synced},
          {"listsReplayed", replayed},
          {"reconciled", stats[Status::reconciled]},
          {"headBlocksReplayed", groupsReplayed},
          {"headBlocksReconciled", headsReconciled},
+         {"remapEntriesReconciled", remapsReconciled},
          {"staleListsPurged", stats[Status::staleEntryDeleted]},
          {"writes", warmWrites},
          {"deletes", warmDeletes},
@@ -334,25 +402,30 @@ bool runListDemo(const DemoOptions& opt, nlohmann::json& report) {
        {"indicesUsedAfterRemoval", used},
    };
    if (!opt.json) {
-      fmt::print("Replication lists on the simulated chip ({} entries)\n", entries);
+      fmt::print("Multicast groups (remap entry, head block, replication lists) on the simulated "
+                 "chip ({} list entries)\n",
+                 entries);
       fmt::print("  committed {} lists of {} egress objects: {} writes, {} entries in the chip\n",
                  opt.lists, opt.egress, coldWrites, programmed);
       fmt::print("  {} lists read back as chains equal to what was committed\n", verified);
       fmt::print("  {} head blocks: {} writes, {} read back pointing at their lists\n", groups,
                  coldHeadWrites, headsVerified);
+      fmt::print("  {} remap entries: {} writes, {} read back naming their IPMC index\n", groups,
+                 coldRemapWrites, remapsVerified);
       fmt::print(
           "  warm restart: {} lists synced from the chip, {} replayed, {} reconciled, {} "
           "stale purged\n",
           synced, replayed, stats[Status::reconciled], stats[Status::staleEntryDeleted]);
-      fmt::print("    {} head blocks replayed, {} reconciled in place\n", groupsReplayed,
-                 headsReconciled);
+      fmt::print("    {} groups replayed: {} head blocks and {} remap entries reconciled in place\n",
+                 groupsReplayed, headsReconciled, remapsReconciled);
       fmt::print("    {} writes, {} deletes; {} entries in the chip\n", warmWrites, warmDeletes,
                  afterPurge);
       fmt::print("  removed all: {} entries left, {} indices used (the reserved index 0)\n", left,
                  used);
    }
-   return verified == opt.lists && headsVerified == groups && synced == opt.lists &&
-          headsReconciled == groupsReplayed && stats[Status::reconciled] == replayed &&
+   return verified == opt.lists && headsVerified == groups && remapsVerified == groups &&
+          synced == opt.lists && headsReconciled == groupsReplayed &&
+          remapsReconciled == groupsReplayed && stats[Status::reconciled] == replayed &&
           stats[Status::staleEntryDeleted] == dropped && warmWrites == 0 && left == 0 && used == 1;
 }
 
