@@ -17,7 +17,7 @@
 
 #include "Asic/EventLoop.h"
 #include "ChipSim/Chip.h"
-#include "ChipSim/plugins/IngIpmcRemapTableSimUtil.h"
+#include "ChipSim/plugins/SimTableRig.h"
 #include "VelmarMcast/McastIpmcRemapTable.h"
 #include "VelmarMcast/VelmarMcastTestEntryHandle.h"
 
@@ -43,11 +43,7 @@ void BM_EngineCommitProgramCompleteRemove(benchmark::State& state) {
       state.PauseTiming();
       Asic::EventLoop loop;
       ChipSim::Chip chip(loop, 0);
-      auto hw = chip.tableIs("ING_IPMC_REMAP", tableSizeFor(n), 1);
-      auto table = VelmarMcast::ingIpmcRemapTableFactory();
-      table->hwTableIs(hw);
-      table->utilIs(Asic::makePtr<ChipSim::IngIpmcRemapTableSimUtil>());
-      table->doCreateAllocator();
+      auto [table, hw] = ChipSim::simTableIs<VelmarMcast::IngIpmcRemapTable>(chip, tableSizeFor(n));
       auto target = VelmarMcast::testEntryHandle(42, Asic::SwTableBase::EntryState::success);
       const long rssBefore = residentKiB();
       state.ResumeTiming();

@@ -22,7 +22,7 @@
 #include "Asic/EventLoop.h"
 #include "Asic/IndexAllocator.h"
 #include "ChipSim/Chip.h"
-#include "ChipSim/plugins/IngIpmcRemapTableSimUtil.h"
+#include "ChipSim/plugins/SimTableRig.h"
 #include "VelmarMcast/McastIpmcRemapTable.h"
 #include "VelmarMcast/VelmarMcastTestEntryHandle.h"
 
@@ -33,7 +33,6 @@ using Key = VelmarL3Common::L3IpmcKey;
 using Status = Asic::SwTable::ReconciliationStatus;
 using VelmarMcast::IngIpmcRemapTable;
 
-constexpr char kRemapMemory[] = "ING_IPMC_REMAP";
 constexpr std::uint32_t kTargets = 256;  // distinct remap targets shared by the groups
 
 double nsSince(Clock::time_point start) {
@@ -42,12 +41,9 @@ double nsSince(Clock::time_point start) {
 
 const Asic::TypeDescriptor& keyType() { return Asic::vixType<Key>(); }
 
-Asic::Ptr<IngIpmcRemapTable> remapTable(const Asic::Ptr<ChipSim::SimHwTable>& hw) {
-   auto table = VelmarMcast::ingIpmcRemapTableFactory();
-   table->hwTableIs(hw);
-   table->utilIs(Asic::makePtr<ChipSim::IngIpmcRemapTableSimUtil>());
-   table->doCreateAllocator();
-   return table;
+// A new table over the chip's remap memory, which keeps whatever it holds.
+Asic::Ptr<IngIpmcRemapTable> remapTable(ChipSim::Chip& chip, std::uint32_t entries) {
+   return ChipSim::simTableIs<IngIpmcRemapTable>(chip, entries).table;
 }
 
 // The L3 multicast lookup that owns IPMC indices: allocates them cold, keeps them across
@@ -89,11 +85,12 @@ void BM_RemapWarmRestart(benchmark::State& state) {
    for (auto _ : state) {
       Asic::EventLoop loop;
       ChipSim::Chip chip(loop, 0);
-      auto hw = chip.tableIs(kRemapMemory, entries, ChipSim::IngIpmcRemapTableSimUtil::kEntryWords);
+      // The chip's memory is there before the agent starts: only the table's set-up is timed.
+      auto hw = ChipSim::simMemoryIs<IngIpmcRemapTable>(chip, entries);
       IpmcLookup lookup;
 
       auto start = Clock::now();
-      auto table = remapTable(hw);
+      auto table = remapTable(chip, entries);
       lookup.allocate(*table->indexAllocator(), keys);
       for (std::uint32_t n = 0; n < groups; ++n) table->entryCommit(keys[n], entryOf(n));
       loop.runUntilIdle();
@@ -111,7 +108,7 @@ void BM_RemapWarmRestart(benchmark::State& state) {
       hw->countersReset();
 
       const auto warmStart = Clock::now();
-      table = remapTable(hw);
+      table = remapTable(chip, entries);
       table->configReplayCompleteIs(false);
       table->syncEntries();
       sync += nsSince(warmStart);

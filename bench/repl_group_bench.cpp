@@ -37,10 +37,8 @@
 
 #include "Asic/EventLoop.h"
 #include "ChipSim/Chip.h"
-#include "ChipSim/ReplListFormat.h"
-#include "ChipSim/plugins/IngIpmcRemapTableSimUtil.h"
 #include "ChipSim/plugins/MmuReplHeadTableSimUtil.h"
-#include "ChipSim/plugins/MmuReplListTableSimUtil.h"
+#include "ChipSim/plugins/SimTableRig.h"
 #include "Interface/EthSpeed.h"
 #include "VelmarMcast/McastIpmcRemapTable.h"
 #include "VelmarMcast/MmuReplHeadTable.h"
@@ -140,13 +138,10 @@ struct Groups {
    }
 };
 
-template <class Table, class SimUtil>
-Asic::Ptr<Table> tableOver(const Asic::Ptr<ChipSim::SimHwTable>& hw) {
-   auto table = Asic::swTableFactory<Table>();
-   table->hwTableIs(hw);
-   table->utilIs(Asic::makePtr<SimUtil>());
-   table->doCreateAllocator();
-   return table;
+// A new table over the chip's memory for it, which keeps what it holds.
+template <class Table>
+Asic::Ptr<Table> tableOver(ChipSim::Chip& chip, const Asic::Ptr<ChipSim::SimHwTable>& hw) {
+   return ChipSim::simTableIs<Table>(chip, hw->memory().numEntries()).table;
 }
 
 // One chip with the three memories sized for the groups, and the agent's tables over them.
@@ -159,22 +154,18 @@ struct Rig {
    Asic::Ptr<MmuReplHeadTable> heads;
 
    explicit Rig(std::uint32_t groups)
-       : remapHw(chip.tableIs("ING_IPMC_REMAP", groups + kSlack,
-                              ChipSim::IngIpmcRemapTableSimUtil::kEntryWords)),
-         listHw(chip.tableIs(ChipSim::ReplListFormat::kMemory,
-                             groups * kListsPerGroup * kEntriesPerList + kSlack,
-                             ChipSim::ReplListFormat::kEntryWords)),
-         headHw(chip.tableIs(ChipSim::MmuReplHeadTableSimUtil::kMemory,
-                             groups * kListsPerGroup + kSlack,
-                             ChipSim::MmuReplHeadTableSimUtil::kEntryWords)) {}
+       : remapHw(ChipSim::simMemoryIs<IngIpmcRemapTable>(chip, groups + kSlack)),
+         listHw(ChipSim::simMemoryIs<MmuReplListTable>(
+             chip, groups * kListsPerGroup * kEntriesPerList + kSlack)),
+         headHw(ChipSim::simMemoryIs<MmuReplHeadTable>(chip, groups * kListsPerGroup + kSlack)) {}
    Rig(const Rig&) = delete;
    Rig& operator=(const Rig&) = delete;
    ~Rig() { exit(); }
 
    void tablesIs() {
-      remap = tableOver<IngIpmcRemapTable, ChipSim::IngIpmcRemapTableSimUtil>(remapHw);
-      lists = tableOver<MmuReplListTable, ChipSim::MmuReplListTableSimUtil>(listHw);
-      heads = tableOver<MmuReplHeadTable, ChipSim::MmuReplHeadTableSimUtil>(headHw);
+      remap = tableOver<IngIpmcRemapTable>(chip, remapHw);
+      lists = tableOver<MmuReplListTable>(chip, listHw);
+      heads = tableOver<MmuReplHeadTable>(chip, headHw);
    }
    // The agent exits: its tables let go of the chip first, so the chip keeps every entry.
    // Heads go before the lists they hold.

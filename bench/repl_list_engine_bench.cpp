@@ -14,7 +14,7 @@
 
 #include "Asic/EventLoop.h"
 #include "ChipSim/Chip.h"
-#include "ChipSim/plugins/MmuReplListTableSimUtil.h"
+#include "ChipSim/plugins/SimTableRig.h"
 #include "VelmarMcast/MmuReplListTable.h"
 #include "VelmarMcast/VelmarMcastTestEntryHandle.h"
 
@@ -56,11 +56,7 @@ void BM_ReplListCommitProgramComplete(benchmark::State& state) {
       state.PauseTiming();
       Asic::EventLoop loop;
       ChipSim::Chip chip(loop, 0);
-      auto hw = chip.tableIs("MMU_REPL_LIST", entries, ChipSim::ReplListFormat::kEntryWords);
-      auto table = VelmarMcast::mmuReplListTableFactory();
-      table->hwTableIs(hw);
-      table->utilIs(Asic::makePtr<ChipSim::MmuReplListTableSimUtil>());
-      table->doCreateAllocator();
+      auto [table, hw] = ChipSim::simTableIs<MmuReplListTable>(chip, entries);
       state.ResumeTiming();
 
       auto start = std::chrono::steady_clock::now();

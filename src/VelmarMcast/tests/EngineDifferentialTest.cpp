@@ -45,6 +45,8 @@
 #include "ChipSim/plugins/IngIpmcRemapTableSimUtil.h"
 #include "ChipSim/plugins/MmuReplListL2SubPortTableSimUtil.h"
 #include "ChipSim/plugins/MmuReplListTableSimUtil.h"
+#include "ChipSim/plugins/SimTableRig.h"
+#include "ChipSim/plugins/SimUtilCommon.h"
 #include "VelmarMcast/McastIpmcRemapTable.h"
 #include "VelmarMcast/MmuReplListL2SubPortTable.h"
 #include "VelmarMcast/MmuReplListTable.h"
@@ -130,16 +132,13 @@ class NeededHandles {
 class RemapAdapter {
  public:
    using Table = IngIpmcRemapTable;
-   using BaseUtil = ChipSim::IngIpmcRemapTableSimUtil;
    using IndexArg = Index;
    using Key = Table::Key;
+   using Util = ChipSim::IngIpmcRemapTableSimUtil;
    static constexpr const char* kName = "IngIpmcRemap";
-   static constexpr const char* kMemory = "ING_IPMC_REMAP";
-   static constexpr std::uint32_t kWords = BaseUtil::kEntryWords;
    static constexpr std::uint32_t kEntries = 128;
    static constexpr int kSlots = 5;
    static constexpr bool kHasLookup = true;
-   static Ptr<Table> tableIs() { return ingIpmcRemapTableFactory(); }
 
    int keyCount() const { return kKeys; }
    Key key(int k) const { return Key{kBase + static_cast<std::uint32_t>(k), 0}; }
@@ -188,9 +187,9 @@ class RemapAdapter {
    }
    std::string chipDiffers(const ChipSim::SimHwTable& hw, const std::vector<Index>& indices,
                            int value) const {
-      std::array<std::uint32_t, kWords> words{};
+      std::array<std::uint32_t, Util::kEntryWords> words{};
       if (!hw.entryRead(indices.front(), words)) return "no valid entry";
-      const auto got = BaseUtil::decode(words);
+      const auto got = Util::decode(words);
       const Index want = NeededHandles::indexOf(value / kProfiles);
       if (got.remappedIpmcIndex == want && got.strengthProfile == value % kProfiles) return {};
       return fmt::format("holds index {} profile {}", got.remappedIpmcIndex, got.strengthProfile);
@@ -258,17 +257,13 @@ struct SelfKeyed {
 class ReplListAdapter : public SelfKeyed<ReplListAdapter> {
  public:
    using Table = MmuReplListTable;
-   using BaseUtil = ChipSim::MmuReplListTableSimUtil;
    using IndexArg = const std::vector<Index>&;
    using Key = Table::Key;
    using Format = ChipSim::ReplListFormat;
    static constexpr const char* kName = "MmuReplList";
-   static constexpr const char* kMemory = Format::kMemory;
-   static constexpr std::uint32_t kWords = Format::kEntryWords;
    static constexpr std::uint32_t kEntries = 1024;  // old lists pile up while their handles age
    static constexpr int kSlots = 6;
    static constexpr bool kHasLookup = false;
-   static Ptr<Table> tableIs() { return mmuReplListTableFactory(); }
 
    int keyCount() const { return static_cast<int>(lists_.size()); }
    const Key& key(int k) const { return lists_[k].entry; }
@@ -379,17 +374,13 @@ class ReplListAdapter : public SelfKeyed<ReplListAdapter> {
 class L2SubPortAdapter : public SelfKeyed<L2SubPortAdapter> {
  public:
    using Table = MmuReplListL2SubPortTable;
-   using BaseUtil = ChipSim::MmuReplListL2SubPortTableSimUtil;
    using IndexArg = const std::vector<Index>&;
    using Key = Table::Key;
    using Format = ChipSim::L2SubPortFormat;
    static constexpr const char* kName = "MmuReplListL2SubPort";
-   static constexpr const char* kMemory = Format::kMemory;
-   static constexpr std::uint32_t kWords = Format::kEntryWords;
    static constexpr std::uint32_t kEntries = 128;
    static constexpr int kSlots = 0;
    static constexpr bool kHasLookup = false;
-   static Ptr<Table> tableIs() { return mmuReplListL2SubPortTableFactory(); }
 
    int keyCount() const { return kKeys; }
    Key key(int k) const { return entry(k, {}); }
@@ -432,26 +423,26 @@ class L2SubPortAdapter : public SelfKeyed<L2SubPortAdapter> {
 // every hardware write of it succeeded. That is how a failed write is told apart from the
 // value whose programming it was.
 template <typename A>
-class RecordingUtil final : public A::BaseUtil {
+class RecordingUtil final : public ChipSim::SimBinding<typename A::Table>::Util {
  public:
    using Table = typename A::Table;
+   using Base = typename ChipSim::SimBinding<Table>::Util;
    using Record =
        std::function<void(const typename Table::Key&, const typename Table::Entry&, bool)>;
-   RecordingUtil(const ChipSim::SimHwTable* hw, Record record)
-       : hw_(hw), record_(std::move(record)) {}
+   explicit RecordingUtil(Record record) : record_(std::move(record)) {}
 
    void hwTableEntryIs(Table& table, typename A::IndexArg indices,
                        const typename Table::Key& key) override {
-      const auto failedBefore = hw_->counters().failedWrites;
-      A::BaseUtil::hwTableEntryIs(table, indices, key);
+      const auto& hw = static_cast<const ChipSim::SimHwTable&>(ChipSim::boundHwTable(table));
+      const auto failedBefore = hw.counters().failedWrites;
+      Base::hwTableEntryIs(table, indices, key);
       const auto* resolved = table.resolvedEntry(key);
       if (resolved && resolved->has_value()) {
-         record_(key, **resolved, hw_->counters().failedWrites == failedBefore);
+         record_(key, **resolved, hw.counters().failedWrites == failedBefore);
       }
    }
 
  private:
-   const ChipSim::SimHwTable* hw_;
    Record record_;
 };
 
@@ -547,7 +538,6 @@ class Driver {
       if (Asic::GenericIndexAllocatorStub::sharedAllocator(Table::SharedAllocator::kTypeName)) {
          broken("setup", "a shared allocator is left over from an earlier run");
       }
-      hw_ = chip_.tableIs(A::kMemory, A::kEntries, A::kWords);
       build();
    }
    Driver(const Driver&) = delete;
@@ -589,12 +579,13 @@ class Driver {
    Asic::GenericIndexAllocator& alloc() const { return *table_->indexAllocator(); }
 
    void build() {
-      table_ = A::tableIs();
-      table_->hwTableIs(hw_);
-      table_->utilIs(Asic::makePtr<RecordingUtil<A>>(
-          hw_.get(),
-          [this](const Key& key, const Entry& value, bool ok) { writeRecorded(key, value, ok); }));
-      table_->doCreateAllocator();
+      auto sim = ChipSim::simTableIs<Table>(
+          chip_, A::kEntries,
+          Asic::makePtr<RecordingUtil<A>>([this](const Key& key, const Entry& value, bool ok) {
+             writeRecorded(key, value, ok);
+          }));
+      table_ = std::move(sim.table);
+      hw_ = std::move(sim.hw);
    }
 
    // --- operations ---------------------------------------------------------------------

@@ -11,6 +11,7 @@
 #include "Asic/EventLoop.h"
 #include "ChipSim/Chip.h"
 #include "ChipSim/plugins/IngIpmcRemapTableSimUtil.h"
+#include "ChipSim/plugins/SimTableRig.h"
 #include "VelmarMcast/McastIpmcRemapTable.h"
 #include "VelmarMcast/VelmarMcastTestEntryHandle.h"
 
@@ -20,8 +21,6 @@ using State = Asic::SwTableBase::EntryState;
 using EntryType = Asic::SwTable::EntryHandle::EntryType;
 using Entry = IngIpmcRemapTable::Entry;
 using Key = VelmarL3Common::L3IpmcKey;
-
-inline constexpr char kRemapMemory[] = "ING_IPMC_REMAP";
 
 inline Key groupKey(std::uint32_t n) { return Key{0xEF000000u + n, 0}; }
 
@@ -63,11 +62,9 @@ class RemapTableFixture : public ::testing::Test {
          table_->detachFromChip();
          table_->cleanup();
       }
-      hw_ = chip_.tableIs(kRemapMemory, entries, ChipSim::IngIpmcRemapTableSimUtil::kEntryWords);
-      table_ = ingIpmcRemapTableFactory();
-      table_->hwTableIs(hw_);
-      table_->utilIs(Asic::makePtr<ChipSim::IngIpmcRemapTableSimUtil>());
-      table_->doCreateAllocator();
+      auto sim = ChipSim::simTableIs<IngIpmcRemapTable>(chip_, entries);
+      hw_ = std::move(sim.hw);
+      table_ = std::move(sim.table);
    }
 
    // The remap word at an index, or nothing when the entry is not valid.
