@@ -83,4 +83,15 @@ void WriteResponseSm::writeWithdrawn(Ticket ticket) {
    forgetIfDone(t.eh.get(), *t.out);
 }  // `t` goes last: it may hold the last count of the handle
 
+void WriteResponseSm::programmingAbandoned(const SwTableBase::EntryHandle* eh) {
+   auto it = perHandle_.find(eh);
+   if (it == perHandle_.end()) return;
+   Outstanding& out = it->second;
+   out.newest = nextTicket_;  // every ticket issued so far now belongs to an older programming
+   out.superseded += out.writes;
+   out.writes = 0;
+   out.failed = 0;
+   forgetIfDone(eh, out);
+}
+
 }  // namespace Asic

@@ -44,6 +44,11 @@ class WriteResponseSm : public RefCounted {
    // layer threw). No response will come; the handle's other writes, if any, now fail.
    void writeWithdrawn(Ticket ticket);
 
+   // Engine: the handle's newest programming was refused part-way (the chip cannot hold the
+   // value). Its writes already issued are absorbed when they complete; the caller reports
+   // the failure itself.
+   void programmingAbandoned(const SwTableBase::EntryHandle* eh);
+
    std::size_t outstandingWrites() const noexcept { return tickets_.size(); }
    std::size_t outstandingWrites(const SwTableBase::EntryHandle* eh) const;
    const void* swTable() const noexcept { return swTable_; }

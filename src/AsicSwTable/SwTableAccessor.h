@@ -471,10 +471,24 @@ class SwTable::Accessor {
       // The test switch stands in for the write response: none is awaited then.
       const bool awaitResponse =
           swTable_->hwResponseNeeded() && !Detail::publishEntryHandleProgrammedState();
+      bool refused = false;
       {
-         WriteResponseSm::WriteContext context(
-             awaitResponse ? swTable_->writeResponseSm() : nullptr, eh);
-         Policy::write(*util, *swTable_, hwIndices, key);
+         WriteResponseSm* sm = awaitResponse ? swTable_->writeResponseSm() : nullptr;
+         WriteResponseSm::WriteContext context(sm, eh);
+         try {
+            Policy::write(*util, *swTable_, hwIndices, key);
+         } catch (const std::exception& e) {
+            // The chip cannot hold this value (a field that does not fit): the key's
+            // programming fails, and the table goes on with the others.
+            ASIC_TRACE(trace(), 0, "{} : hwTableEntryIs : write refused for key:{}: {}",
+                       T::kTypeName, key, e.what());
+            if (sm && eh) sm->programmingAbandoned(eh);
+            refused = true;
+         }
+      }
+      if (eh && refused) {
+         eh->resolvedEntryStateIs(State::programFailed);
+         return;
       }
       // Without write responses the write is done when the call returns.
       if (eh && !swTable_->hwResponseNeeded() && !Detail::publishEntryHandleProgrammedState()) {
@@ -806,7 +820,10 @@ class SwTable::Accessor {
       const Key key = eh->key();
       const auto* resolved = swTable_->resolvedEntry(key);
       if (!resolved || !resolved->has_value()) {
-         if (const auto* ue = swTable_->unresolvedEntry(key)) {
+         if (auto* ue = swTable_->unresolvedEntry(key)) {
+            // Its needed entries may reconcile at once, and the record resolve and go, while
+            // its value is still being walked.
+            RefCounted::Pin pin(ue);
             Policy::suggestDown(*this, ue->entry(), hwIndex);
          }
          return false;

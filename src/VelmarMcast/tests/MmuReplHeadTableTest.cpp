@@ -247,6 +247,23 @@ TEST_F(MmuReplHeadTableTest, OffsetsAreWalkedByCountAndBadBlocksAreRefusedBefore
    EXPECT_EQ(heads_->entryHandles().size(), 1u);
 }
 
+TEST_F(MmuReplHeadTableTest, HeadPointerTheChipCannotHoldFailsThatBlockOnly) {
+   // Known only at resolution: a list beyond the 18-bit head pointer.
+   auto far = testEntryHandle(ChipSim::MmuReplHeadTableSimUtil::kHeadPtrMax + 1, State::success);
+   auto near = testEntryHandle(12, State::success);
+   auto bad = heads_->entryBlockCommit(block({near, far}, 1));
+   auto good = heads_->entryBlockCommit(block({near}, 2));
+   loop_.runUntilIdle();
+   EXPECT_EQ(bad->entryState(), State::programFailed);
+   EXPECT_EQ(good->entryState(), State::success);
+   EXPECT_EQ(hwEntry(good->hwIndex())->headPtr, 12u);
+   // Removing the failed block frees its run whatever it holds.
+   bad.reset();
+   heads_->entryBlockRemove(block({near, far}, 1));
+   loop_.runUntilIdle();
+   EXPECT_EQ(headHw_->memory().validEntries(), 1u);
+}
+
 TEST_F(MmuReplHeadTableTest, RestartPassesHeadPointersDownAndWritesNothingForAnUnchangedGroup) {
    // Cold: two lists and the block that names them.
    const auto l0 = list(1), l1 = list(2);
