@@ -200,6 +200,7 @@ class SwTable::Accessor {
    using Indices = typename Policy::Indices;
    friend Policy;
    friend IndexPolicy::PerEntrySync;
+   friend IndexPolicy::SingleIndex;
    // The table contract (SwTableTraits.h), part by part.
    static_assert(Policy::template fits<T>,
                  "the table's IndexPolicy does not fit its traits: entries that state a block "

@@ -123,11 +123,10 @@ struct PerEntrySync {
 };
 
 // One index per key, the lowest free one of the allocator (the IPMC remap table).
-struct OneIndex : PerEntrySync {
-   using Indices = Index;  // held inline: programming a key allocates nothing
-   // A table whose entries state a block size needs a block policy.
-   template <typename T>
-   static constexpr bool fits = !Trait::getBlockSizeDefinedByUser<T>;
+// What the kinds with one index per key share: the index held inline (programming a key
+// allocates nothing), the Util's one-index calls and their trace.
+struct SingleIndex : PerEntrySync {
+   using Indices = Index;
    template <typename T>
    using UtilBase = SwTableUtilOneIndexT<T>;
 
@@ -137,6 +136,27 @@ struct OneIndex : PerEntrySync {
    static void forEach(Index index, F&& fn) {
       fn(index);
    }
+   template <typename A>
+   static void traceAcquired(const A& a, Index index) {
+      SWT_POLICY_TRACE(a, 8, "traceHwIndex", " Acquired hwIndex : {}", index);
+   }
+   template <typename U, typename T, typename K>
+   static void write(U& util, T& table, Index index, const K& key) {
+      util.hwTableEntryIs(table, index, key);
+   }
+   template <typename U, typename T>
+   static void del(U& util, T& table, Index index) {
+      util.hwTableEntryDel(table, index);
+   }
+   // Sync keeps nothing beyond the records.
+   template <typename A>
+   static void synced(A&, typename A::Util&) {}
+};
+
+struct OneIndex : SingleIndex {
+   // A table whose entries state a block size needs a block policy.
+   template <typename T>
+   static constexpr bool fits = !Trait::getBlockSizeDefinedByUser<T>;
 
    template <typename A>
    static Index acquire(A& a, const typename A::Key& key, const typename A::Entry&) {
@@ -151,22 +171,6 @@ struct OneIndex : PerEntrySync {
    static GenericIndexAllocator::RequestStatus bind(A& a, Index index, const typename A::Key& key) {
       return a.allocator()->requestIndexForKey(index, A::keyType(), &key, a.allocatorUser());
    }
-   template <typename A>
-   static void traceAcquired(const A& a, Index index) {
-      SWT_POLICY_TRACE(a, 8, "traceHwIndex", " Acquired hwIndex : {}", index);
-   }
-   template <typename U, typename T, typename K>
-   static void write(U& util, T& table, Index index, const K& key) {
-      util.hwTableEntryIs(table, index, key);
-   }
-   template <typename U, typename T>
-   static void del(U& util, T& table, Index index) {
-      util.hwTableEntryDel(table, index);
-   }
-
-   // Sync keeps nothing beyond the records: a key's index is the allocator's to recover.
-   template <typename A>
-   static void synced(A&, typename A::Util&) {}
 
    // Takes over the index for the key, if no key owns it (and, with compareHw, the hardware
    // entry there is the key's value).
@@ -613,21 +617,11 @@ struct ConsecutiveRun {
 
 // The key is the hardware index (the port aggregation register): no allocator, nothing to
 // acquire, nothing to take over but the key's own index.
-struct KeyIsIndex : PerEntrySync {
+struct KeyIsIndex : SingleIndex {
    static constexpr bool usesAllocator = false;
-   using Indices = Index;
    template <typename T>
    static constexpr bool fits =
        std::same_as<typename T::Key, Index> && !Trait::getBlockSizeDefinedByUser<T>;
-   template <typename T>
-   using UtilBase = SwTableUtilOneIndexT<T>;
-
-   static Index first(Index index) noexcept { return index; }
-   static Index of(Index index) noexcept { return index; }
-   template <typename F>
-   static void forEach(Index index, F&& fn) {
-      fn(index);
-   }
    template <typename A>
    static std::optional<Index> heldIndex(A&, Index key) {
       return key;
@@ -640,21 +634,6 @@ struct KeyIsIndex : PerEntrySync {
    static Index retrieve(const A&, Index key) {
       return key;
    }
-   template <typename A>
-   static void traceAcquired(const A& a, Index index) {
-      SWT_POLICY_TRACE(a, 8, "traceHwIndex", " Acquired hwIndex : {}", index);
-   }
-   template <typename U, typename T, typename K>
-   static void write(U& util, T& table, Index index, const K& key) {
-      util.hwTableEntryIs(table, index, key);
-   }
-   template <typename U, typename T>
-   static void del(U& util, T& table, Index index) {
-      util.hwTableEntryDel(table, index);
-   }
-   template <typename A>
-   static void synced(A&, typename A::Util&) {}
-
    template <typename A>
    static bool recover(A& a, Index key, Index hwIndex, bool compareHw) {
       if (hwIndex != key) return false;
