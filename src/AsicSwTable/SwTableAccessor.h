@@ -1035,6 +1035,14 @@ class SwTable::Accessor {
           resolved && resolved->has_value() && **resolved == entry) {
          SWT_TRACE(6, op, " : Found already existing resolved entry at key : {}, entry : {}", key,
                    entry);
+         if (!swTable_->entryHandle(key)) {
+            // A value adopted from the chip has no client yet: the first one gets a handle
+            // that waits, and the table decides how the value the chip holds is confirmed.
+            Ptr<EntryHandle> eh = swTable_->entryHandleIs(key, swTable_);
+            type(eh.get());
+            eh->entryStateIs(State::unresolved);
+            return eh;
+         }
          Ptr<EntryHandle> eh = expectEntryHandle(key);
          type(eh.get());
          // A newer value that was committed meanwhile (and is now withdrawn) left the entry

@@ -15,9 +15,21 @@ Asic::Ptr<const MmuRqeReplPortAggMapRegister::EntryHandle> MmuRqeReplPortAggMapR
     Asic::Index index, const Entry& entry) {
    auto eh = SwTableImpl::entryCommit(index, entry);
    const auto* resolved = resolvedEntry(index);
-   if (configReplayInProgress() && eh->entryState() == Asic::SwTableBase::EntryState::unresolved &&
-       resolved && resolved->has_value() && **resolved == entry) {
+   if (eh->entryState() != Asic::SwTableBase::EntryState::unresolved || !resolved ||
+       !resolved->has_value() || !(**resolved == entry)) {
+      return eh;
+   }
+   // The value stands already (adopted from the chip, or equal to the one waiting): during
+   // the replay it is reconciled with what the chip holds at the index; once the replay is
+   // over the chip holds it, so nothing is written.
+   if (configReplayInProgress()) {
       handleEntry(index);
+   } else if (configReplayComplete()) {
+      using State = Asic::SwTableBase::EntryState;
+      EntryHandle* handle = entryHandle(index);
+      handle->hwIndexIs(index);
+      handle->resolvedEntryStateIs(State::success);
+      handle->entryStateIs(State::success);
    }
    return eh;
 }

@@ -632,12 +632,7 @@ TYPED_TEST(SwTableTypedTest, RemovalWhileTheWriteIsInFlightWaitsForItsOutcomeThe
 
 // A table that adopts the chip's values cannot take an unchanged replay yet: the commit finds
 // the equal adopted value, which has no entry handle, and asserts.
-constexpr const char* kAdoptedReplayFault =
-    "fault: a replayed value equal to one adopted from the chip asserts \"expect a valid "
-    "entryHandle\" in commit; the adopted value has no handle";
-
 TYPED_TEST(SwTableTypedTest, UnchangedReplayReconcilesEveryKeyInPlaceWithoutHardwareAccess) {
-   if constexpr (TypeParam::kAdoptsChip) GTEST_SKIP() << kAdoptedReplayFault;
    ASSERT_NO_FATAL_FAILURE(this->coldStart(3));
    ASSERT_NO_FATAL_FAILURE(this->restart());
    EXPECT_EQ(this->table_->syncedEntries().size(), 3u * (this->kSyncsKeys ? 1 : this->kBlock));
@@ -656,7 +651,6 @@ TYPED_TEST(SwTableTypedTest, UnchangedReplayReconcilesEveryKeyInPlaceWithoutHard
 }
 
 TYPED_TEST(SwTableTypedTest, ChangedReplayIsRewrittenInPlaceAtTheEndOfTheReplay) {
-   if constexpr (TypeParam::kAdoptsChip) GTEST_SKIP() << kAdoptedReplayFault;
    // Key 2's replay differs from what the chip holds where it is suggested: held back while
    // the replay runs, then written over that entry. A key that is its index is reconciled at
    // commit and written over its entry at once.
@@ -685,7 +679,6 @@ TYPED_TEST(SwTableTypedTest, ChangedReplayIsRewrittenInPlaceAtTheEndOfTheReplay)
 // A table that adopts the chip's values keeps what nobody replays; any other purges it with
 // every index it held.
 TYPED_TEST(SwTableTypedTest, KeyLeftOutOfTheReplayIsPurgedUnlessAdopted) {
-   if constexpr (TypeParam::kAdoptsChip) GTEST_SKIP() << kAdoptedReplayFault;
    constexpr bool kKept = TypeParam::kAdoptsChip;
    ASSERT_NO_FATAL_FAILURE(this->coldStart(3));
    ASSERT_NO_FATAL_FAILURE(this->restart());

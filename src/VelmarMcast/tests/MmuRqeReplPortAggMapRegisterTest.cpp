@@ -119,6 +119,13 @@ TEST_F(MmuRqeReplPortAggMapRegisterTest, RestartAdoptsWhatIsNotReplayedAndReplay
    EXPECT_EQ(hw_->counters().writes + hw_->counters().clears, 0u);
    EXPECT_EQ(hw_->memory().validEntries(), 3u);
 
+   // A client taking up an adopted value later finds it on the chip: nothing is written.
+   auto late = reg_->entryCommit(2, members({2, 50}, 160));
+   loop_.runUntilIdle();
+   EXPECT_EQ(late->entryState(), State::success);
+   EXPECT_EQ(late->hwIndex(), 2u);
+   EXPECT_EQ(hw_->counters().writes, 0u);
+
    // An adopted value has no client handle; removing it still takes it off the chip.
    reg_->entryRemove(3);
    loop_.runUntilIdle();
