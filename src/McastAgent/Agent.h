@@ -1,0 +1,58 @@
+#pragma once
+// The reference agent's run: a configuration programmed onto the chip through the five
+// tables, as a switch agent does at start-up. An empty chip is a cold start; a chip that
+// holds entries is a warm restart: the tables read the chip back, the configuration is
+// replayed and reconciled against it, neighbours suggest where their entries sit, and what
+// the configuration no longer has is purged. The run ends without tearing its tables down:
+// the chip keeps what was programmed for the next process.
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "McastAgent/ChipMemories.h"
+#include "McastAgent/Config.h"
+
+namespace McastAgent {
+
+struct TableCounts {
+   std::uint64_t writes = 0;
+   std::uint64_t deletes = 0;
+   // By reconciliation status: not reconciled, reconciled, index reconciled (contents
+   // differ), nothing to reconcile.
+   std::array<std::uint64_t, 4> reconciled{};
+   std::uint64_t stalePurged = 0;
+   std::uint64_t entries = 0;  // valid entries the chip holds at the end
+};
+
+// A key that did not end programmed.
+struct FailedKey {
+   std::string table;
+   std::string key;
+   std::string state;
+};
+
+struct RunReport {
+   bool warm = false;
+   std::vector<std::pair<std::string, TableCounts>> tables;  // in dependency order
+   std::vector<std::pair<std::string, double>> phasesMs;      // in the order they ran
+   std::vector<FailedKey> failed;
+
+   TableCounts totals() const;
+   nlohmann::json toJson() const;
+   std::string toText() const;
+};
+
+struct RunOptions {
+   // Phases longer than a second are reported on stderr (when it is a terminal).
+   bool progress = false;
+};
+
+// Programs `config` onto the chip. The configuration must have been validated.
+RunReport run(ChipMemories& chip, const Config& config, const RunOptions& options = {});
+
+}  // namespace McastAgent

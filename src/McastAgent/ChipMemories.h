@@ -1,0 +1,52 @@
+#pragma once
+// The simulated chip of the reference agent: every memory the five tables and the agent's
+// neighbour tables use, at this chip's geometry, kept as files under one chip directory
+// so that it outlives the agent process.
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+#include "Asic/EventLoop.h"
+#include "Asic/RefCounted.h"
+#include "ChipSim/Chip.h"
+#include "ChipSim/SimHwTable.h"
+
+namespace McastAgent {
+
+// A chip directory the agent refuses (a memory file that is not one, truncated, of another
+// geometry): what() names the file and what is wrong.
+class ChipError : public std::runtime_error {
+ public:
+   using std::runtime_error::runtime_error;
+};
+
+class ChipMemories {
+ public:
+   // Maps every memory under `dir`, creating what is missing. Every memory file already
+   // there is checked first, so a refused chip is left exactly as it was. Throws ChipError.
+   explicit ChipMemories(const std::filesystem::path& dir);
+   ChipMemories(const ChipMemories&) = delete;
+   ChipMemories& operator=(const ChipMemories&) = delete;
+
+   // Whether the chip directory holds a valid entry in any memory, without creating or
+   // changing anything. Throws ChipError for a file it refuses.
+   static bool holdsEntries(const std::filesystem::path& dir);
+
+   Asic::EventLoop& loop() noexcept { return loop_; }
+   ChipSim::Chip& chip() noexcept { return chip_; }
+   const std::filesystem::path& dir() const noexcept { return dir_; }
+
+   // The library's tables.
+   Asic::Ptr<ChipSim::SimHwTable> remap, head, list, l2SubPort, portAgg;
+   // The agent's neighbours: the L3 multicast lookup, the replication groups, the egress
+   // objects.
+   Asic::Ptr<ChipSim::SimHwTable> ipmc, group, nextHop;
+
+ private:
+   std::filesystem::path dir_;
+   Asic::EventLoop loop_;
+   ChipSim::Chip chip_;
+};
+
+}  // namespace McastAgent
