@@ -22,6 +22,21 @@ constexpr std::pair<std::string_view, Interface::EthSpeed> kSpeeds[] = {
     {"800G", Interface::EthSpeed::speed800Gbps},
 };
 
+// A field name as a JSON pointer token: '~' and '/' escaped.
+std::string pointerToken(const std::string& name) {
+   std::string out;
+   for (char c : name) {
+      if (c == '~') {
+         out += "~0";
+      } else if (c == '/') {
+         out += "~1";
+      } else {
+         out += c;
+      }
+   }
+   return out;
+}
+
 // Walks the document with the JSON path of each value, so every refusal can name it.
 class Reader {
  public:
@@ -38,7 +53,7 @@ class Reader {
          if (std::find(fields.begin(), fields.end(), name) == fields.end()) {
             std::string known;
             for (auto f : fields) known += fmt::format("{}{}", known.empty() ? "" : ", ", f);
-            fail(path + "/" + name, fmt::format("unknown field (known: {})", known));
+            fail(path + "/" + pointerToken(name), fmt::format("unknown field (known: {})", known));
          }
       }
       return j;
@@ -288,6 +303,7 @@ Config configFromJson(const Json& json, const std::string& file) {
          }
          if (remap) {
             g.remapTo = r.string(*remap, p + "/remapTo");
+            if (g.remapTo.empty()) r.fail(p + "/remapTo", "names no group");
             remapPaths.push_back(p + "/remapTo");
          } else {
             remapPaths.emplace_back();
