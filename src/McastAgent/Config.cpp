@@ -227,10 +227,18 @@ const NextHop* Config::nextHop(std::uint32_t id) const {
 }
 
 const Group* Config::group(const std::string& name) const {
-   for (const Group& g : groups) {
-      if (g.name == name) return &g;
-   }
-   return nullptr;
+   auto find = [&]() -> const Group* {
+      auto it = groupByName_.find(name);
+      return it != groupByName_.end() && it->second < groups.size() &&
+                     groups[it->second].name == name
+                 ? &groups[it->second]
+                 : nullptr;
+   };
+   if (const Group* g = find()) return g;
+   // Groups may have changed since the index was built: rebuild it once.
+   groupByName_.clear();
+   for (std::size_t i = 0; i < groups.size(); ++i) groupByName_.emplace(groups[i].name, i);
+   return find();
 }
 
 const Group& Config::replicationOf(const Group& g) const {

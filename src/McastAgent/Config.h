@@ -26,6 +26,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include <nlohmann/json_fwd.hpp>
@@ -101,11 +102,15 @@ struct Config {
    std::vector<L2SubPortList> l2SubPorts;
    std::vector<PortAggregation> portAggregation;
 
-   const NextHop* nextHop(std::uint32_t id) const;
+   const NextHop* nextHop(std::uint32_t id) const;  // nextHops must be sorted by id
    const Group* group(const std::string& name) const;
    // The group whose replication `g` uses: itself, or the one it is remapped to.
    const Group& replicationOf(const Group& g) const;
    nlohmann::json toJson() const;
+
+ private:
+   // Group by name, built on first use for the groups as they are then.
+   mutable std::unordered_map<std::string, std::size_t> groupByName_;
 };
 
 // A configuration the agent refuses: what() reads "<file>: <json path>: <reason>".

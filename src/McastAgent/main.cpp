@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -48,9 +49,13 @@ void requireChip(const std::string& dir) {
 void print(const nlohmann::json& j) { std::cout << j.dump(2) << "\n"; }
 
 int runCommand(const std::string& configFile, const std::string& dir, bool json) {
+   const auto start = std::chrono::steady_clock::now();
    const McastAgent::Config config = McastAgent::configLoad(configFile);
+   const double loadMs =
+       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
    McastAgent::ChipMemories chip(dir);
-   const auto report = McastAgent::run(chip, config, {.progress = isatty(STDERR_FILENO) == 1});
+   auto report = McastAgent::run(chip, config, {.progress = isatty(STDERR_FILENO) == 1});
+   report.phasesMs.insert(report.phasesMs.begin(), {"config", loadMs});
    if (json) {
       print(report.toJson());
    } else {
