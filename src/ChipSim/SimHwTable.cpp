@@ -31,8 +31,8 @@ void SimHwTable::forEachValidEntry(const std::function<void(Asic::Index, Words)>
 void SimHwTable::doWrite(Asic::Index index, Words words, Asic::WriteResponseSm::Ticket ticket) {
    ++counters_.writes;
    bool ok = true;
-   if (failingWrites_ > 0) {
-      --failingWrites_;
+   if (failingWrites_ > 0 || (faults_ && faults_->operationFails())) {
+      if (failingWrites_ > 0) --failingWrites_;
       ++counters_.failedWrites;
       ok = false;
    } else {
@@ -44,9 +44,10 @@ void SimHwTable::doWrite(Asic::Index index, Words words, Asic::WriteResponseSm::
 
 void SimHwTable::doClear(Asic::Index index, Asic::WriteResponseSm::Ticket ticket) {
    ++counters_.clears;
-   memory_->clear(index);
-   ASIC_TRACE(chipTrace(), 9, "ChipSim : clear {}[{}]", name(), index);
-   completionPost(ticket, true);
+   const bool ok = !(faults_ && faults_->operationFails());
+   if (ok) memory_->clear(index);
+   ASIC_TRACE(chipTrace(), 9, "ChipSim : clear {}[{}] {}", name(), index, ok ? "ok" : "failed");
+   completionPost(ticket, ok);
 }
 
 void SimHwTable::completionPost(Asic::WriteResponseSm::Ticket ticket, bool ok) {
@@ -56,6 +57,7 @@ void SimHwTable::completionPost(Asic::WriteResponseSm::Ticket ticket, bool ok) {
       --heldCompletions_;
       delay = holdTurns_;
    }
+   if (faults_) delay += faults_->completionDelay();
    completionPost(Asic::Ptr<SimHwTable>(this), Completion{writeResponseSm(), ticket, ok}, delay);
 }
 

@@ -20,6 +20,7 @@
 #include "Asic/EventLoop.h"
 #include "Asic/HwTable.h"
 #include "Asic/RefCounted.h"
+#include "ChipSim/Faults.h"
 #include "ChipSim/Memory.h"
 
 namespace ChipSim {
@@ -53,6 +54,9 @@ class SimHwTable : public Asic::HwTable {
       holdTurns_ = turns;
    }
    std::uint32_t completionsHeld() const noexcept { return heldCompletions_; }
+   // A chip-wide fault plan: writes and deletes that fail at random, completions late or out
+   // of order. Null: none.
+   void faultsIs(Asic::Ptr<Faults> faults) noexcept { faults_ = std::move(faults); }
    // The next `count` writes fail. Deletes are not affected.
    void writesFailingIs(std::uint32_t count) noexcept { failingWrites_ = count; }
    std::uint32_t writesFailing() const noexcept { return failingWrites_; }
@@ -79,6 +83,7 @@ class SimHwTable : public Asic::HwTable {
    std::uint32_t heldCompletions_ = 0;
    std::uint32_t holdTurns_ = 0;
    std::uint32_t failingWrites_ = 0;
+   Asic::Ptr<Faults> faults_;
 };
 
 }  // namespace ChipSim

@@ -81,19 +81,27 @@ bool ChipMemories::holdsEntries(const std::filesystem::path& dir) {
 namespace {
 
 // Checks the directory before anything is mapped or created in it.
-ChipSim::Chip::MemoryFactory checkedMemories(const std::filesystem::path& dir) {
+ChipSim::Chip::MemoryFactory checkedMemories(const std::filesystem::path& dir,
+                                             const Asic::Ptr<ChipSim::Faults>& faults) {
    checkExisting(dir);
+   ChipSim::Chip::MemoryFactory mapped;
    try {
-      return ChipSim::mappedMemories(dir);
+      mapped = ChipSim::mappedMemories(dir);
    } catch (const std::exception& e) {
       throw ChipError(e.what());
    }
+   if (!faults || faults->plan().crashAfterWrites == 0) return mapped;
+   return [mapped, faults](const std::string& name, std::uint32_t entries, std::uint32_t words) {
+      return ChipSim::countedMemory(mapped(name, entries, words), faults);
+   };
 }
 
 }  // namespace
 
-ChipMemories::ChipMemories(const std::filesystem::path& dir)
-    : dir_(dir), chip_(loop_, 0, checkedMemories(dir)) {
+ChipMemories::ChipMemories(const std::filesystem::path& dir, const ChipSim::FaultPlan& faults)
+    : dir_(dir),
+      faults_(Asic::makePtr<ChipSim::Faults>(faults)),
+      chip_(loop_, 0, checkedMemories(dir, faults_)) {
    auto open = [&](std::size_t n) {
       const Geometry& g = kGeometry[n];
       try {
@@ -110,6 +118,9 @@ ChipMemories::ChipMemories(const std::filesystem::path& dir)
    ipmc = open(5);
    group = open(6);
    nextHop = open(7);
+   if (faults.failRate > 0 || faults.delayTurns > 0) {
+      for (auto* t : {&remap, &head, &list, &l2SubPort, &portAgg}) (*t)->faultsIs(faults_);
+   }
 }
 
 }  // namespace McastAgent

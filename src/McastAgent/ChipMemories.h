@@ -10,6 +10,7 @@
 #include "Asic/EventLoop.h"
 #include "Asic/RefCounted.h"
 #include "ChipSim/Chip.h"
+#include "ChipSim/Faults.h"
 #include "ChipSim/SimHwTable.h"
 
 namespace McastAgent {
@@ -25,7 +26,9 @@ class ChipMemories {
  public:
    // Maps every memory under `dir`, creating what is missing. Every memory file already
    // there is checked first, so a refused chip is left exactly as it was. Throws ChipError.
-   explicit ChipMemories(const std::filesystem::path& dir);
+   // `faults` applies to the library's tables (writes and deletes that fail, late
+   // completions) and, for the crash after N writes, to every memory.
+   explicit ChipMemories(const std::filesystem::path& dir, const ChipSim::FaultPlan& faults = {});
    ChipMemories(const ChipMemories&) = delete;
    ChipMemories& operator=(const ChipMemories&) = delete;
 
@@ -36,6 +39,8 @@ class ChipMemories {
    Asic::EventLoop& loop() noexcept { return loop_; }
    ChipSim::Chip& chip() noexcept { return chip_; }
    const std::filesystem::path& dir() const noexcept { return dir_; }
+   // Writes and deletes that reached a memory (counted only with a crash planned).
+   std::uint64_t operations() const noexcept { return faults_ ? faults_->operations() : 0; }
 
    // The library's tables.
    Asic::Ptr<ChipSim::SimHwTable> remap, head, list, l2SubPort, portAgg;
@@ -45,6 +50,7 @@ class ChipMemories {
 
  private:
    std::filesystem::path dir_;
+   Asic::Ptr<ChipSim::Faults> faults_;
    Asic::EventLoop loop_;
    ChipSim::Chip chip_;
 };

@@ -80,6 +80,14 @@ Config generate(const GenOptions& opt) {
       }
       config.groups.push_back(std::move(g));
    }
+   // Only the next hops the lists use: a small configuration makes few writes.
+   std::set<std::uint32_t> used;
+   for (const Group& g : config.groups) {
+      for (const ReplicationList& l : g.replication) {
+         for (const Egress& e : l.egress) used.insert(e.nextHop);
+      }
+   }
+   std::erase_if(config.nextHops, [&](const NextHop& nh) { return !used.contains(nh.id); });
    const std::uint32_t extras = std::min(opt.groups, 8u);
    for (std::uint32_t i = 0; i < extras; ++i) {
       L2SubPortList l2;

@@ -66,7 +66,26 @@ std::vector<std::uint32_t> bitsOf(std::span<const std::uint32_t> words) {
 
 // The egress objects of the list that starts at `head`: sparse pairs as written, dense
 // members on their next hop's own port.
-WalkedList walkList(ChipMemories& chip, Asic::Index head, std::vector<std::string>& faults) {
+// Who reaches each entry of the memories behind the lookup, to find what nobody reaches
+// and what two owners claim.
+struct Reach {
+   std::map<Asic::Index, Asic::Index> listOwner;   // list entry -> first index of its chain
+   std::map<Asic::Index, Asic::Index> headOwner;   // head entry -> the IPMC index of its block
+   std::set<Asic::Index> groups;                   // replication group entries reached
+   std::vector<std::string> claimedTwice;
+
+   void claim(std::map<Asic::Index, Asic::Index>& owners, const char* memory, Asic::Index index,
+              Asic::Index owner, const char* what) {
+      auto [it, inserted] = owners.emplace(index, owner);
+      if (!inserted && it->second != owner) {
+         claimedTwice.push_back(fmt::format("{}[{}]: claimed by the {} at {} and at {}", memory,
+                                            index, what, it->second, owner));
+      }
+   }
+};
+
+WalkedList walkList(ChipMemories& chip, Asic::Index head, std::vector<std::string>& faults,
+                    Reach& reach) {
    WalkedList list;
    list.headPtr = head;
    std::vector<Asic::Index> chain;
@@ -77,6 +96,7 @@ WalkedList walkList(ChipMemories& chip, Asic::Index head, std::vector<std::strin
       return list;
    }
    for (Asic::Index index : chain) {
+      reach.claim(reach.listOwner, ChipSim::ReplListFormat::kMemory, index, head, "list");
       std::string fault;
       auto entry = readAs<ChipSim::ReplListFormat>(*chip.list, index, &fault);
       if (!entry) {
@@ -118,6 +138,7 @@ std::string groupName(std::uint32_t addr, std::uint32_t vrf) {
 
 Walk walkChip(ChipMemories& chip) {
    Walk walk;
+   Reach reach;
    chip.ipmc->forEachValidEntry([&](Asic::Index index, Asic::HwTable::Words words) {
       WalkedGroup g;
       g.ipmcIndex = index;
@@ -146,7 +167,10 @@ Walk walkChip(ChipMemories& chip) {
          return;
       }
       g.headBase = group->headBase;
+      reach.groups.insert(*g.remappedIpmcIndex);
       for (std::uint32_t o = 0; o < group->blockSize; ++o) {
+         reach.claim(reach.headOwner, HeadFormat::kMemory, group->headBase + o,
+                     *g.remappedIpmcIndex, "replication group");
          auto head = readAs<HeadFormat>(*chip.head, group->headBase + o, &fault);
          if (!head) {
             g.faults.push_back(fault);
@@ -157,7 +181,7 @@ Walk walkChip(ChipMemories& chip) {
                                            HeadFormat::kMemory, group->headBase + o,
                                            head->ipmcIndex, *g.remappedIpmcIndex));
          }
-         WalkedList list = walkList(chip, head->headPtr, g.faults);
+         WalkedList list = walkList(chip, head->headPtr, g.faults, reach);
          list.speed = head->portSpeed;
          list.numNextHops = head->numNextHops;
          g.lists.push_back(std::move(list));
@@ -176,6 +200,31 @@ Walk walkChip(ChipMemories& chip) {
    chip.portAgg->forEachValidEntry([&](Asic::Index index, Asic::HwTable::Words words) {
       walk.portAggregation.push_back({index, bitsOf(words)});
    });
+   chip.nextHop->forEachValidEntry([&](Asic::Index index, Asic::HwTable::Words words) {
+      try {
+         auto e = ChipSim::NextHopFormat::decode(words);
+         walk.nextHops.push_back({index, e.port, e.vlan});
+      } catch (const std::exception& e) {
+         walk.leaks.push_back(fmt::format("{}[{}]: {}", ChipSim::NextHopFormat::kMemory, index,
+                                          e.what()));
+      }
+   });
+   // Every lookup entry is walked, and with it its remap entry.
+   std::set<Asic::Index> lookups;
+   for (const WalkedGroup& g : walk.groups) lookups.insert(g.ipmcIndex);
+   auto unreached = [&](ChipSim::SimHwTable& hw, auto&& reached) {
+      hw.forEachValidEntry([&](Asic::Index index, Asic::HwTable::Words) {
+         if (!reached(index)) {
+            walk.leaks.push_back(fmt::format("{}[{}]: held, but no group reaches it", hw.name(),
+                                             index));
+         }
+      });
+   };
+   unreached(*chip.remap, [&](Asic::Index i) { return lookups.contains(i); });
+   unreached(*chip.group, [&](Asic::Index i) { return reach.groups.contains(i); });
+   unreached(*chip.head, [&](Asic::Index i) { return reach.headOwner.contains(i); });
+   unreached(*chip.list, [&](Asic::Index i) { return reach.listOwner.contains(i); });
+   walk.leaks.insert(walk.leaks.end(), reach.claimedTwice.begin(), reach.claimedTwice.end());
    return walk;
 }
 
@@ -226,6 +275,7 @@ Json toJson(const Walk& walk, const std::vector<const WalkedGroup*>& groups) {
    for (const PortAggregation& a : walk.portAggregation) {
       out["portAggregation"].push_back({{"index", a.index}, {"members", a.members}});
    }
+   out["leaks"] = walk.leaks;
    return out;
 }
 
@@ -294,6 +344,23 @@ std::vector<std::string> differences(const Walk& walk, const Config& config) {
    for (const auto& [key, w] : onChip) {
       out.push_back(fmt::format("group {} (IPMC index {}): on the chip, not configured",
                                 groupName(w->groupAddr, w->vrf), w->ipmcIndex));
+   }
+   for (const std::string& leak : walk.leaks) out.push_back(leak);
+   std::map<std::uint32_t, const NextHop*> nhChip;
+   for (const NextHop& nh : walk.nextHops) nhChip[nh.id] = &nh;
+   for (const NextHop& nh : config.nextHops) {
+      auto it = nhChip.find(nh.id);
+      if (it == nhChip.end()) {
+         out.push_back(fmt::format("next hop {}: not on the chip", nh.id));
+      } else if (!(*it->second == nh)) {
+         out.push_back(fmt::format("next hop {}: port {} vlan {} on the chip, port {} vlan {} "
+                                   "configured",
+                                   nh.id, it->second->port, it->second->vlan, nh.port, nh.vlan));
+      }
+      if (it != nhChip.end()) nhChip.erase(it);
+   }
+   for (const auto& [id, nh] : nhChip) {
+      out.push_back(fmt::format("next hop {}: on the chip, not configured", id));
    }
    std::multiset<std::pair<std::uint8_t, std::vector<std::uint32_t>>> l2Chip, l2Config;
    for (const auto& l : walk.l2SubPorts) l2Chip.insert({l.mode, l.subPorts});

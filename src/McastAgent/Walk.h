@@ -45,6 +45,10 @@ struct Walk {
    std::vector<WalkedGroup> groups;  // by IPMC index
    std::vector<L2SubPortList> l2SubPorts;
    std::vector<PortAggregation> portAggregation;
+   std::vector<NextHop> nextHops;  // the egress objects the chip holds
+   // Entries no walk reaches (leaked: stale, or held by nobody) and entries that two owners
+   // claim (a list entry on two chains, a head entry in two groups' blocks).
+   std::vector<std::string> leaks;
 };
 
 Walk walkChip(ChipMemories& chip);

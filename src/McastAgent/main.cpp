@@ -48,12 +48,13 @@ void requireChip(const std::string& dir) {
 
 void print(const nlohmann::json& j) { std::cout << j.dump(2) << "\n"; }
 
-int runCommand(const std::string& configFile, const std::string& dir, bool json) {
+int runCommand(const std::string& configFile, const std::string& dir, bool json,
+               const ChipSim::FaultPlan& faults) {
    const auto start = std::chrono::steady_clock::now();
    const McastAgent::Config config = McastAgent::configLoad(configFile);
    const double loadMs =
        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-   McastAgent::ChipMemories chip(dir);
+   McastAgent::ChipMemories chip(dir, faults);
    auto report = McastAgent::run(chip, config, {.progress = isatty(STDERR_FILENO) == 1});
    report.phasesMs.insert(report.phasesMs.begin(), {"config", loadMs});
    if (json) {
@@ -128,6 +129,7 @@ int walkCommand(const std::string& dir, const std::string& group, bool json) {
          std::cout << fmt::format("portAggregation {} members {}\n", a.index,
                                   nlohmann::json(a.members).dump());
       }
+      for (const auto& leak : walk.leaks) std::cout << "leak: " << leak << "\n";
    }
    return kOk;
 }
@@ -167,6 +169,19 @@ int main(int argc, char** argv) {
    run->add_option("--config", config, "configuration file (JSON)")->required();
    run->add_option("--chip", chipDir, "chip directory (created when absent)")->required();
    run->add_flag("--json", json, "print the report as one JSON object");
+   ChipSim::FaultPlan faults;
+   run->add_option("--crash-after-writes", faults.crashAfterWrites,
+                   "die (SIGKILL) right after the N-th write or delete reaches the chip")
+       ->check(CLI::PositiveNumber);
+   run->add_option("--fail-writes", faults.failRate,
+                   "fault: this share of the tables' writes and deletes fails (0..1)")
+       ->check(CLI::Range(0.0, 1.0));
+   run->add_option("--delay-responses", faults.delayTurns,
+                   "fault: write responses come this many event-loop turns late")
+       ->check(CLI::Range(0u, 1000u));
+   run->add_flag("--reorder-responses", faults.reorder,
+                 "fault: each response is late by a random 0..--delay-responses turns");
+   run->add_option("--seed", faults.seed, "seed of the faults (same seed, same faults)");
 
    auto* show = app.add_subcommand(
        "show", "Decode one chip memory, one line per valid entry.\n"
@@ -215,7 +230,7 @@ int main(int argc, char** argv) {
       return rc == 0 ? kOk : kBadInput;
    }
    try {
-      if (run->parsed()) return runCommand(config, chipDir, json);
+      if (run->parsed()) return runCommand(config, chipDir, json, faults);
       if (show->parsed()) return showCommand(table, chipDir, json);
       if (walk->parsed()) return walkCommand(chipDir, group, json);
       if (verify->parsed()) return verifyCommand(config, chipDir, json);
