@@ -9,6 +9,8 @@
 //   warm-changed  A programmed; crash in the warm restart with B; then run B
 //   warm-again    A programmed; crash in the warm restart with B; crash in the next run of B
 //                 half-way; then run B
+//   faults        A then B on a chip whose writes and deletes fail and whose responses come
+//                 late and out of order (as many seeds as crash points); then a clean run of B
 //
 // usage: crash_torture AGENT [--groups N] [--points P] [--seed S]
 // Prints one line per scenario and last "crash points N, divergences D, leaks L, aborts A";
@@ -231,9 +233,11 @@ int main(int argc, char** argv) {
             ++s.points;
             one(n, s, std::string(name) + " crash point " + std::to_string(n));
          }
-         std::cout << name << ": " << ops << " operations, crash points " << s.points
-                   << ", divergences " << s.divergences << ", leaks " << s.leaks << ", aborts "
-                   << s.aborts << std::endl;
+         const bool crashes = std::string(name) != "faults";
+         std::cout << name << ": " << ops << (crashes ? " operations, crash points " : " faulty seeds ")
+                   << s.points << ", divergences " << s.divergences << ", leaks " << s.leaks
+                   << ", aborts " << s.aborts << std::endl;
+         if (!crashes) s.points = 0;
          total += s;
       };
       scenario("cold", coldOps, [&](std::uint64_t n, Tally& s, const std::string& where) {
@@ -255,6 +259,24 @@ int main(int argc, char** argv) {
          if (t.crash(fileB, c, n, s, where) && t.crash(fileB, c, (n + 1) / 2, s, where)) {
             t.recover(fileB, c, s, where);
          }
+      });
+      // Faulty chips: failed writes and deletes, late and reordered responses, cold and
+      // then warm with B; the agent reports and exits 3, never aborts, and a clean run
+      // repairs everything.
+      scenario("faults", wanted, [&](std::uint64_t n, Tally& s, const std::string& where) {
+         const fs::path c = t.freshChip();
+         const std::string rate = n % 3 == 0 ? "0.5" : n % 3 == 1 ? "0.2" : "0.05";
+         for (const fs::path& file : {fileA, fileB}) {
+            auto r = t.agent({"run", "--config", file, "--chip", c, "--fail-writes", rate,
+                              "--delay-responses", std::to_string(n % 5), "--reorder-responses",
+                              "--seed", std::to_string(n)});
+            if (r.code != 0 && r.code != 3) {
+               ++s.aborts;
+               std::cerr << where << ": a faulty run ended " << r.code << "\n" << r.err;
+               return;
+            }
+         }
+         t.recover(fileB, c, s, where);
       });
    } catch (const std::exception& e) {
       std::cerr << "crash_torture: " << e.what() << "\n";
