@@ -9,6 +9,7 @@
 //   warm-changed  A programmed; crash in the warm restart with B; then run B
 //   warm-again    A programmed; crash in the warm restart with B; crash in the next run of B
 //                 half-way; then run B
+//   make-before-break   A then B, the chip walked after every operation (no crash)
 //   faults        A then B on a chip whose writes and deletes fail and whose responses come
 //                 late and out of order (as many seeds as crash points); then a clean run of B
 //
@@ -227,6 +228,25 @@ int main(int argc, char** argv) {
       t.runClean(fileA, chip);
       const std::uint64_t warmOps = t.operations(t.runClean(fileB, chip));
 
+      // Make before break: a walk after every chip operation of a cold start of A and of the
+      // warm restart with B finds each group replicating as before or as configured.
+      {
+         const fs::path c = t.freshChip();
+         for (const fs::path& file : {fileA, fileB}) {
+            auto r = t.agent({"run", "--json", "--check-every-write", "--config", file, "--chip", c});
+            const Json report = Json::parse(r.out.empty() ? "{}" : r.out);
+            const auto& mbb = report.value("makeBeforeBreak", Json::object());
+            const auto checked = mbb.value("operationsChecked", std::uint64_t{0});
+            const auto violations = mbb.value("violations", std::uint64_t{0});
+            std::cout << "make-before-break " << file.filename().string() << ": " << checked
+                      << " operations checked, " << violations << " violations" << std::endl;
+            for (const auto& v : mbb.value("first", Json::array())) {
+               std::cerr << "make-before-break: " << v.get<std::string>() << "\n";
+            }
+            if (r.code != 0 && r.code != 1) ++total.aborts;
+            total.divergences += violations;
+         }
+      }
       auto scenario = [&](const char* name, std::uint64_t ops, auto&& one) {
          Tally s;
          for (std::uint64_t n : Torture::points(ops, wanted)) {

@@ -494,8 +494,14 @@ struct ConsecutiveRun {
       forEach(run, [&](Index index) { util.hwTableEntryDel(table, index); });
    }
 
+   // Until the purge, no new block may be placed over entries the chip still holds: a
+   // block that changed is written beside the old one, which keeps replicating until its
+   // owner switches over. The purge (or a recovery) ends each hold.
    template <typename A>
-   static void synced(A&, typename A::Util&) {}
+   static void synced(A& a, typename A::Util&) {
+      GenericIndexAllocator* alloc = a.allocator();
+      for (const auto& [hwIndex, entry] : a.swTable_->syncedEntries()) alloc->holdIndex(hwIndex);
+   }
 
    // Every offset of `value` is in the synced entries at base + offset, as the chip holds it.
    template <typename A>

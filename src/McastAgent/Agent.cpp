@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 
@@ -15,6 +16,7 @@
 #include "ChipSim/NeighbourFormats.h"
 #include "ChipSim/ReplListFormat.h"
 #include "ChipSim/plugins/MmuRqeReplPortAggMapRegisterSimUtil.h"
+#include "McastAgent/Walk.h"
 #include "VelmarMcast/McastIpmcRemapTable.h"
 #include "VelmarMcast/MmuReplHeadTable.h"
 #include "VelmarMcast/MmuReplListL2SubPortTable.h"
@@ -130,6 +132,7 @@ class Run {
    Run(ChipMemories& chip, const Config& config, const RunOptions& options)
        : chip_(chip),
          config_(config),
+         options_(options),
          phases_(report_, options.progress),
          ipmc_(chip.ipmc->memory()),
          group_(chip.group->memory()),
@@ -137,6 +140,7 @@ class Run {
 
    RunReport go() {
       report_.warm = anyValid();
+      if (options_.checkEveryWrite) watchWrites();
       phases_.run("mount", [&] { mount(); });
       if (report_.warm) phases_.run("sync", [&] { sync(); });
       phases_.run("replay", [&] { replay(); });
@@ -149,6 +153,42 @@ class Run {
    }
 
  private:
+   // Make-before-break: what each group replicates to before the run and after it; after
+   // every chip operation each group must show one or the other.
+   void watchWrites() {
+      struct Sets {
+         std::optional<ReplicationSet> before, after;
+      };
+      auto sets = std::make_shared<std::map<std::pair<std::uint32_t, std::uint32_t>, Sets>>();
+      for (const WalkedGroup& g : walkChip(chip_).groups) {
+         (*sets)[{g.vrf, g.groupAddr}].before = replicationSet(g);
+      }
+      for (const Group& g : config_.groups) {
+         (*sets)[{g.vrf, g.groupAddr}].after = replicationSet(config_, g);
+      }
+      chip_.faults().observerIs([this, sets](const std::string& memory, Asic::Index index) {
+         ++report_.operationsChecked;
+         std::map<std::pair<std::uint32_t, std::uint32_t>, const WalkedGroup*> now;
+         const Walk walk = walkChip(chip_);
+         for (const WalkedGroup& g : walk.groups) now[{g.vrf, g.groupAddr}] = &g;
+         for (const auto& [key, s] : *sets) {
+            auto it = now.find(key);
+            const ReplicationSet set = it == now.end() ? ReplicationSet{} : replicationSet(*it->second);
+            const bool inBoth = s.before && s.after && !s.before->empty() && !s.after->empty();
+            const bool ok = (set.empty() && !inBoth) || (s.before && set == *s.before) ||
+                            (s.after && set == *s.after);
+            if (ok) continue;
+            if (++report_.violationCount > 20) continue;
+            report_.violations.push_back(fmt::format(
+                "after operation {} ({}[{}]): group {}@{} replicates to {}; before: {}; "
+                "configured: {}",
+                report_.operationsChecked, memory, index, ipv4ToString(key.second), key.first,
+                toText(set), s.before ? toText(*s.before) : "absent",
+                s.after ? toText(*s.after) : "absent"));
+         }
+      });
+   }
+
    bool anyValid() const {
       for (const auto& [name, t] : chip_.chip().tables()) {
          if (t->memory().validEntries() != 0) return true;
@@ -194,6 +234,13 @@ class Run {
       ipmc_.forEach([&](Asic::Index index, const ChipSim::IpmcLookupFormat::HwEntry& e) {
          ipmcOnChip_.emplace(VelmarL3Common::L3IpmcKey{e.groupAddr, e.vrf}, index);
       });
+      // What each group replicates to now, for the groups that own their replication.
+      for (const WalkedGroup& g : walkChip(chip_).groups) {
+         if (g.remappedIpmcIndex == g.ipmcIndex) {
+            replicationOnChip_.emplace(VelmarL3Common::L3IpmcKey{g.groupAddr, g.vrf},
+                                       replicationSet(g));
+         }
+      }
    }
 
    void replay() {
@@ -269,7 +316,14 @@ class Run {
          g.blockSize = block.entryInternal().size();
          g.head = heads_->entryBlockCommit(block);
          if (auto onChip = g.recovered ? group_.read(g.ipmcIndex) : std::nullopt) {
-            Asic::SwTableBase::suggestIndicesToNeededEntryHandle(g.head.get(), {onChip->headBase});
+            // A group whose replication changed gets a new head block (and new lists where
+            // they changed) beside the old one, and switches over with one write of its
+            // replication group entry: rewriting the old block in place would replicate to
+            // a mix of old and new lists in between.
+            if (unchangedOnChip(g)) {
+               Asic::SwTableBase::suggestIndicesToNeededEntryHandle(g.head.get(),
+                                                                    {onChip->headBase});
+            }
             // The chip already replicates this group: remap entries can point at it now.
             g.replication->programmedIs(g.ipmcIndex);
          }
@@ -284,6 +338,11 @@ class Run {
          for (std::uint32_t p : a.members) members.bitIs(p, true);
          portAgg_.emplace(a.index, register_->entryCommit(a.index, Register::Entry(members)));
       }
+   }
+
+   bool unchangedOnChip(const GroupState& g) const {
+      auto it = replicationOnChip_.find(g.key);
+      return it != replicationOnChip_.end() && it->second == replicationSet(config_, *g.config);
    }
 
    MmuReplListTable::Entry listEntry(const ReplicationList& list) const {
@@ -306,8 +365,10 @@ class Run {
       heads_->doInitComplete();
       remaps_->doInitComplete();
       register_->doInitComplete();
-      // Whoever points at an entry goes before it: remap entries, then head blocks, then
-      // the lists.
+      // Make before break: what the replay programmed anew completes, and the replication
+      // groups switch to it, before the purge takes away what they pointed at. Then whoever
+      // points at an entry goes before it: remap entries, then head blocks, then the lists.
+      settle();
       remaps_->purgeStaleEntries();
       heads_->purgeStaleEntries();
       lists_->purgeStaleEntries();
@@ -415,6 +476,7 @@ class Run {
    // The chip keeps everything for the next process: the tables let go of it first, so
    // their clean-up deletes nothing.
    void detach() {
+      if (options_.checkEveryWrite) chip_.faults().observerIs({});
       lists_->detachFromChip();
       l2_->detachFromChip();
       heads_->detachFromChip();
@@ -432,6 +494,7 @@ class Run {
 
    ChipMemories& chip_;
    const Config& config_;
+   RunOptions options_;
    RunReport report_;
    Phases phases_;
    NeighbourMemory<ChipSim::IpmcLookupFormat> ipmc_;
@@ -443,6 +506,7 @@ class Run {
    Asic::Ptr<IngIpmcRemapTable> remaps_;
    Asic::Ptr<Register> register_;
    std::map<VelmarL3Common::L3IpmcKey, Asic::Index> ipmcOnChip_;
+   std::map<VelmarL3Common::L3IpmcKey, ReplicationSet> replicationOnChip_;
    std::map<std::pair<std::uint32_t, std::vector<std::uint32_t>>, Asic::Index> l2OnChip_;
    std::map<std::uint32_t, Asic::Ptr<VelmarMcast::VelmarMcastTestEntryHandle>> nextHops_;
    std::vector<GroupState> groups_;
@@ -484,6 +548,11 @@ nlohmann::json RunReport::toJson() const {
    out["phases"] = nlohmann::json::object();
    for (const auto& [name, ms] : phasesMs) out["phases"][name] = ms;
    out["totals"] = counts(totals());
+   if (operationsChecked != 0) {
+      out["makeBeforeBreak"] = {{"operationsChecked", operationsChecked},
+                                {"violations", violationCount},
+                                {"first", violations}};
+   }
    out["failed"] = nlohmann::json::array();
    for (const FailedKey& f : failed) {
       out["failed"].push_back({{"table", f.table}, {"key", f.key}, {"state", f.state}});
@@ -507,6 +576,11 @@ std::string RunReport::toText() const {
    out.back() = '\n';
    for (const FailedKey& f : failed) {
       out += fmt::format("  failed: {} {}: {}\n", f.table, f.key, f.state);
+   }
+   if (operationsChecked != 0) {
+      out += fmt::format("  make-before-break: {} operations checked, {} violations\n",
+                         operationsChecked, violationCount);
+      for (const std::string& v : violations) out += fmt::format("    {}\n", v);
    }
    return out;
 }

@@ -41,6 +41,11 @@ struct RunReport {
    std::vector<std::pair<std::string, TableCounts>> tables;  // in dependency order
    std::vector<std::pair<std::string, double>> phasesMs;      // in the order they ran
    std::vector<FailedKey> failed;
+   // With checkEveryWrite: chip operations after which a group's walk was neither its old
+   // replication set nor its new one (the first few, and how many in all).
+   std::vector<std::string> violations;
+   std::uint64_t violationCount = 0;
+   std::uint64_t operationsChecked = 0;
 
    TableCounts totals() const;
    nlohmann::json toJson() const;
@@ -50,6 +55,10 @@ struct RunReport {
 struct RunOptions {
    // Phases longer than a second are reported on stderr (when it is a terminal).
    bool progress = false;
+   // Walks the chip after every write and delete (the chip must observe writes): every group
+   // must replicate as before the run or as the configuration says, never a mix of both and
+   // never to nothing while it is in both.
+   bool checkEveryWrite = false;
 };
 
 // Programs `config` onto the chip. The configuration must have been validated.

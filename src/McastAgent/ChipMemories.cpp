@@ -90,7 +90,9 @@ ChipSim::Chip::MemoryFactory checkedMemories(const std::filesystem::path& dir,
    } catch (const std::exception& e) {
       throw ChipError(e.what());
    }
-   if (!faults || faults->plan().crashAfterWrites == 0) return mapped;
+   if (!faults || (faults->plan().crashAfterWrites == 0 && !faults->plan().observeWrites)) {
+      return mapped;
+   }
    return [mapped, faults](const std::string& name, std::uint32_t entries, std::uint32_t words) {
       return ChipSim::countedMemory(mapped(name, entries, words), faults);
    };

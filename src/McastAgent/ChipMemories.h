@@ -39,6 +39,7 @@ class ChipMemories {
    Asic::EventLoop& loop() noexcept { return loop_; }
    ChipSim::Chip& chip() noexcept { return chip_; }
    const std::filesystem::path& dir() const noexcept { return dir_; }
+   ChipSim::Faults& faults() noexcept { return *faults_; }
    // Writes and deletes that reached a memory (counted only with a crash planned).
    std::uint64_t operations() const noexcept { return faults_ ? faults_->operations() : 0; }
 

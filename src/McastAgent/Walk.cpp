@@ -228,6 +228,34 @@ Walk walkChip(ChipMemories& chip) {
    return walk;
 }
 
+ReplicationSet replicationSet(const WalkedGroup& group) {
+   ReplicationSet set;
+   if (!group.faults.empty()) return set;
+   for (const WalkedList& l : group.lists) set[l.speed] = l.egress;
+   return set;
+}
+
+ReplicationSet replicationSet(const Config& config, const Group& group) {
+   ReplicationSet set;
+   for (const ReplicationList& list : config.replicationOf(group).replication) {
+      auto& egress = set[list.speed];
+      for (const Egress& e : list.egress) {
+         for (std::uint16_t p : e.ports) egress.push_back({e.nextHop, p});
+      }
+      std::sort(egress.begin(), egress.end());
+   }
+   return set;
+}
+
+std::string toText(const ReplicationSet& set) {
+   if (set.empty()) return "nothing";
+   std::string out;
+   for (const auto& [speed, egress] : set) {
+      out += fmt::format("{}{} {}", out.empty() ? "" : "; ", speedName(speed), egressText(egress));
+   }
+   return out;
+}
+
 std::string toText(const WalkedGroup& g) {
    std::string out = fmt::format("group {} ipmcIndex {}", groupName(g.groupAddr, g.vrf), g.ipmcIndex);
    if (g.remappedIpmcIndex) {

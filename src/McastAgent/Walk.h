@@ -5,6 +5,7 @@
 // It is the oracle of every end-to-end check: `verify` compares it with a configuration.
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -52,6 +53,13 @@ struct Walk {
 };
 
 Walk walkChip(ChipMemories& chip);
+
+// Where a group's packets go: per port speed, the (next hop, port) pairs. Empty when the
+// group does not replicate (absent, or its walk is broken).
+using ReplicationSet = std::map<Interface::EthSpeed, std::vector<WalkedEgress>>;
+ReplicationSet replicationSet(const WalkedGroup& group);
+ReplicationSet replicationSet(const Config& config, const Group& group);
+std::string toText(const ReplicationSet& set);
 nlohmann::json toJson(const Walk& walk, const std::vector<const WalkedGroup*>& groups);
 std::string toText(const WalkedGroup& group);
 

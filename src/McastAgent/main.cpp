@@ -49,13 +49,16 @@ void requireChip(const std::string& dir) {
 void print(const nlohmann::json& j) { std::cout << j.dump(2) << "\n"; }
 
 int runCommand(const std::string& configFile, const std::string& dir, bool json,
-               const ChipSim::FaultPlan& faults) {
+               ChipSim::FaultPlan faults, bool checkEveryWrite) {
+   faults.observeWrites = checkEveryWrite;
    const auto start = std::chrono::steady_clock::now();
    const McastAgent::Config config = McastAgent::configLoad(configFile);
    const double loadMs =
        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
    McastAgent::ChipMemories chip(dir, faults);
-   auto report = McastAgent::run(chip, config, {.progress = isatty(STDERR_FILENO) == 1});
+   auto report = McastAgent::run(
+       chip, config,
+       {.progress = isatty(STDERR_FILENO) == 1, .checkEveryWrite = checkEveryWrite});
    report.phasesMs.insert(report.phasesMs.begin(), {"config", loadMs});
    if (json) {
       print(report.toJson());
@@ -65,7 +68,8 @@ int runCommand(const std::string& configFile, const std::string& dir, bool json,
    for (const auto& f : report.failed) {
       std::cerr << fmt::format("mcast_agent: {} {} ended {}\n", f.table, f.key, f.state);
    }
-   return report.failed.empty() ? kOk : kFailed;
+   if (!report.failed.empty()) return kFailed;
+   return report.violationCount == 0 ? kOk : kFinding;
 }
 
 int clearCommand(const std::string& dir, bool json) {
@@ -182,6 +186,10 @@ int main(int argc, char** argv) {
    run->add_flag("--reorder-responses", faults.reorder,
                  "fault: each response is late by a random 0..--delay-responses turns");
    run->add_option("--seed", faults.seed, "seed of the faults (same seed, same faults)");
+   bool checkEveryWrite = false;
+   run->add_flag("--check-every-write", checkEveryWrite,
+                 "walk every group after every chip write: each must replicate as before or as "
+                 "configured, never a mix (exit 1 otherwise)");
 
    auto* show = app.add_subcommand(
        "show", "Decode one chip memory, one line per valid entry.\n"
@@ -230,7 +238,7 @@ int main(int argc, char** argv) {
       return rc == 0 ? kOk : kBadInput;
    }
    try {
-      if (run->parsed()) return runCommand(config, chipDir, json, faults);
+      if (run->parsed()) return runCommand(config, chipDir, json, faults, checkEveryWrite);
       if (show->parsed()) return showCommand(table, chipDir, json);
       if (walk->parsed()) return walkCommand(chipDir, group, json);
       if (verify->parsed()) return verifyCommand(config, chipDir, json);
