@@ -39,11 +39,11 @@ class CountedMemory final : public Memory {
    }
    void doWrite(Asic::Index index, Words words) override {
       inner_->write(index, words);
-      faults_->operationReached();
+      faults_->operationReached(name(), index);
    }
    void doClear(Asic::Index index) override {
       inner_->clear(index);
-      faults_->operationReached();
+      faults_->operationReached(name(), index);
    }
    void doForEachValid(const Visitor& fn) const override { inner_->forEachValid(fn); }
 

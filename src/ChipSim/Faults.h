@@ -21,6 +21,7 @@ struct FaultPlan {
    bool reorder = false;             // each completion's lateness drawn from 0..delayTurns
    std::uint64_t seed = 1;
    std::uint64_t crashAfterWrites = 0;  // 0: never; else SIGKILL after that many writes
+   bool observeWrites = false;          // count every write, so that it can be watched
 };
 
 class Faults : public Asic::RefCounted {
@@ -36,11 +37,20 @@ class Faults : public Asic::RefCounted {
    // nothing flushed, no clean-up) when it is the planned one.
    void operationReached();
    std::uint64_t operations() const noexcept { return operations_; }
+   // Called after every write or delete that reached a memory (with observeWrites or a crash
+   // planned), with the memory's name and the index.
+   using Observer = std::function<void(const std::string& memory, Asic::Index index)>;
+   void observerIs(Observer observer) { observer_ = std::move(observer); }
+   void operationReached(const std::string& memory, Asic::Index index) {
+      operationReached();
+      if (observer_) observer_(memory, index);
+   }
 
  private:
    FaultPlan plan_;
    std::mt19937_64 rng_;
    std::uint64_t operations_ = 0;
+   Observer observer_;
 };
 
 // A memory whose writes and deletes are counted by `faults` (for the crash), forwarding to
