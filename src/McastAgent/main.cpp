@@ -46,6 +46,11 @@ void requireChip(const std::string& dir) {
    }
 }
 
+int failed(const std::exception& e, int code) {
+   std::cerr << "mcast_agent: " << e.what() << "\n";
+   return code;
+}
+
 void print(const nlohmann::json& j) { std::cout << j.dump(2) << "\n"; }
 
 int runCommand(const std::string& configFile, const std::string& dir, bool json,
@@ -248,20 +253,15 @@ int main(int argc, char** argv) {
          return kOk;
       }
    } catch (const McastAgent::ConfigError& e) {
-      std::cerr << "mcast_agent: " << e.what() << "\n";
-      return kBadInput;
+      return failed(e, kBadInput);
    } catch (const McastAgent::ChipError& e) {
-      std::cerr << "mcast_agent: " << e.what() << "\n";
-      return kBadInput;
+      return failed(e, kBadInput);
    } catch (const BadInput& e) {
-      std::cerr << "mcast_agent: " << e.what() << "\n";
-      return kBadInput;
+      return failed(e, kBadInput);
    } catch (const std::invalid_argument& e) {
-      std::cerr << "mcast_agent: " << e.what() << "\n";
-      return kBadInput;
+      return failed(e, kBadInput);
    } catch (const std::exception& e) {
-      std::cerr << "mcast_agent: " << e.what() << "\n";
-      return kFailed;
+      return failed(e, kFailed);
    }
    return kBadInput;
 }
