@@ -19,6 +19,7 @@
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "ChipSim/MappedMemory.h"
@@ -33,15 +34,20 @@ constexpr std::size_t kHeaderBytes = 64;
 constexpr std::size_t kNameBytesAt = 28;
 constexpr std::size_t kChecksumAt = 56;
 
+// Removed at exit. Never destroyed: exit handlers registered before a static's
+// construction ends run after its destructor.
 const fs::path& scratchDir() {
-   static const fs::path dir = [] {
+   static const fs::path* dir = [] {
       const char* tmp = std::getenv("TMPDIR");
       std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/chip_file_fuzz.XXXXXX";
       if (!::mkdtemp(pattern.data())) Fuzz::fail("cannot create a scratch directory");
-      std::atexit([] { std::filesystem::remove_all(scratchDir()); });
-      return fs::path(pattern);
+      std::atexit([] {
+         std::error_code ec;
+         fs::remove_all(scratchDir(), ec);
+      });
+      return new fs::path(pattern);
    }();
-   return dir;
+   return *dir;
 }
 
 std::uint32_t u32At(const std::vector<std::uint8_t>& file, std::size_t at) {
