@@ -16,9 +16,9 @@
 namespace ChipSim {
 
 struct FaultPlan {
-   double failRate = 0;              // chance that a write or delete fails, 0..1
-   std::uint32_t delayTurns = 0;     // completions come this many loop turns late
-   bool reorder = false;             // each completion's lateness drawn from 0..delayTurns
+   double failRate = 0;           // chance that a write or delete fails, 0..1
+   std::uint32_t delayTurns = 0;  // completions come this many loop turns late
+   bool reorder = false;          // each completion's lateness drawn from 0..delayTurns
    std::uint64_t seed = 1;
    std::uint64_t crashAfterWrites = 0;  // 0: never; else SIGKILL after that many writes
    bool observeWrites = false;          // count every write, so that it can be watched

@@ -42,9 +42,10 @@ template <typename Table>
 Asic::Ptr<Table> tableOver(const Asic::Ptr<ChipSim::SimHwTable>& hw) {
    auto table = Asic::swTableFactory<Table>();
    if (!table->utilIfExists()) {
-      throw std::runtime_error(fmt::format("no Util for {}: set VELMAR_PLUGIN_PATH to the "
-                                           "directory holding AsicFeature/",
-                                           Table::kTypeName));
+      throw std::runtime_error(
+          fmt::format("no Util for {}: set VELMAR_PLUGIN_PATH to the "
+                      "directory holding AsicFeature/",
+                      Table::kTypeName));
    }
    table->hwTableIs(hw);
    table->doCreateAllocator();
@@ -106,7 +107,8 @@ class Phases {
           std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
               .count();
       report_.phasesMs.emplace_back(name, ms);
-      if (progress_ && ms > 1000.0) fmt::print(stderr, "mcast_agent: {}: {:.1f} s\n", name, ms / 1000);
+      if (progress_ && ms > 1000.0)
+         fmt::print(stderr, "mcast_agent: {}: {:.1f} s\n", name, ms / 1000);
    }
 
  private:
@@ -119,9 +121,9 @@ struct GroupState {
    const Group* config = nullptr;
    VelmarL3Common::L3IpmcKey key;
    Asic::Index ipmcIndex = Asic::invalidIndex;
-   bool recovered = false;  // the chip had this group at ipmcIndex
-   std::vector<HandlePtr> lists;               // per replication list, in config order
-   HandlePtr head;                             // its head block, when it has replication
+   bool recovered = false;        // the chip had this group at ipmcIndex
+   std::vector<HandlePtr> lists;  // per replication list, in config order
+   HandlePtr head;                // its head block, when it has replication
    std::uint32_t blockSize = 0;
    Asic::Ptr<VelmarMcast::VelmarMcastTestEntryHandle> replication;  // the remap target
    HandlePtr remap;
@@ -173,7 +175,8 @@ class Run {
          for (const WalkedGroup& g : walk.groups) now[{g.vrf, g.groupAddr}] = &g;
          for (const auto& [key, s] : *sets) {
             auto it = now.find(key);
-            const ReplicationSet set = it == now.end() ? ReplicationSet{} : replicationSet(*it->second);
+            const ReplicationSet set =
+                it == now.end() ? ReplicationSet{} : replicationSet(*it->second);
             const bool inBoth = s.before && s.after && !s.before->empty() && !s.after->empty();
             const bool ok = (set.empty() && !inBoth) || (s.before && set == *s.before) ||
                             (s.after && set == *s.after);
@@ -259,7 +262,8 @@ class Run {
          g.config = &config_.groups[i];
          g.key = {g.config->groupAddr, g.config->vrf};
          if (auto it = ipmcOnChip_.find(g.key);
-             it != ipmcOnChip_.end() && alloc.recoverIndexForKey(it->second, keyType, &g.key, this)) {
+             it != ipmcOnChip_.end() &&
+             alloc.recoverIndexForKey(it->second, keyType, &g.key, this)) {
             g.ipmcIndex = it->second;
             g.recovered = true;
          }
@@ -309,9 +313,9 @@ class Run {
             const ReplicationList& list = g.config->replication[o];
             std::uint32_t replications = 0;
             for (const Egress& e : list.egress) replications += e.ports.size();
-            block.entryIs(o, MmuReplHeadTable::Entry(g.lists[o],
-                                                     static_cast<std::uint16_t>(replications),
-                                                     list.speed, g.ipmcIndex));
+            block.entryIs(
+                o, MmuReplHeadTable::Entry(g.lists[o], static_cast<std::uint16_t>(replications),
+                                           list.speed, g.ipmcIndex));
          }
          g.blockSize = block.entryInternal().size();
          g.head = heads_->entryBlockCommit(block);
@@ -431,7 +435,8 @@ class Run {
       c.deletes = hw.counters().clears;
       const auto& stats = table.reconciliationStats();
       c.reconciled = {stats[Status::notReconciled], stats[Status::reconciled],
-                      stats[Status::indexReconciledContentsDiffer], stats[Status::nothingToReconcile]};
+                      stats[Status::indexReconciledContentsDiffer],
+                      stats[Status::nothingToReconcile]};
       c.stalePurged = stats[Status::staleEntryDeleted];
       c.entries = hw.memory().validEntries();
       return c;
@@ -457,9 +462,10 @@ class Run {
       report_.tables.emplace_back("portagg", countsOf(*register_, *chip_.portAgg));
       for (const GroupState& g : groups_) {
          for (std::size_t o = 0; o < g.lists.size(); ++o) {
-            failedIs("list", fmt::format("{}/{}", g.config->name,
-                                         speedName(g.config->replication[o].speed)),
-                     g.lists[o]);
+            failedIs(
+                "list",
+                fmt::format("{}/{}", g.config->name, speedName(g.config->replication[o].speed)),
+                g.lists[o]);
          }
          failedIs("head", g.config->name, g.head);
          failedIs("remap", g.config->name, g.remap);

@@ -39,7 +39,7 @@ struct FailedKey {
 struct RunReport {
    bool warm = false;
    std::vector<std::pair<std::string, TableCounts>> tables;  // in dependency order
-   std::vector<std::pair<std::string, double>> phasesMs;      // in the order they ran
+   std::vector<std::pair<std::string, double>> phasesMs;     // in the order they ran
    std::vector<FailedKey> failed;
    // With checkEveryWrite: chip operations after which a group's walk was neither its old
    // replication set nor its new one (the first few, and how many in all).

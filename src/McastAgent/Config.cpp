@@ -73,8 +73,8 @@ class Reader {
    }
    std::uint64_t number(const Json& j, const std::string& path, std::uint64_t lo,
                         std::uint64_t hi) const {
-      if (!j.is_number_integer() || (j.is_number_integer() && !j.is_number_unsigned() &&
-                                     j.get<std::int64_t>() < 0)) {
+      if (!j.is_number_integer() ||
+          (j.is_number_integer() && !j.is_number_unsigned() && j.get<std::int64_t>() < 0)) {
          if (j.is_number_integer()) {
             fail(path, fmt::format("{} is out of range {}..{}", j.get<std::int64_t>(), lo, hi));
          }
@@ -120,8 +120,8 @@ NextHop readNextHop(const Reader& r, const Json& j, const std::string& path) {
    NextHop nh;
    nh.id = static_cast<std::uint32_t>(
        r.number(r.required(j, path, "id"), path + "/id", 0, ChipLimits::kNextHops - 1));
-   nh.port = static_cast<std::uint16_t>(
-       r.number(r.required(j, path, "port"), path + "/port", 0, 0xFFFF));
+   nh.port =
+       static_cast<std::uint16_t>(r.number(r.required(j, path, "port"), path + "/port", 0, 0xFFFF));
    nh.vlan = static_cast<std::uint16_t>(r.number(j, path, "vlan", 0, ChipLimits::kMaxVlan, 0));
    return nh;
 }
@@ -139,8 +139,8 @@ ReplicationList readList(const Reader& r, const Json& j, const std::string& path
                                           speed));
    }
    list.speed = it->second;
-   list.sparseSize = static_cast<std::uint8_t>(
-       r.number(j, path, "sparseSize", 1, ChipLimits::kMaxSparseSize, 4));
+   list.sparseSize =
+       static_cast<std::uint8_t>(r.number(j, path, "sparseSize", 1, ChipLimits::kMaxSparseSize, 4));
    list.denseSize =
        static_cast<std::uint8_t>(r.number(j, path, "denseSize", 0, ChipLimits::kMaxDenseSize, 0));
    if (list.denseSize != 0 && list.denseSize != ChipLimits::kMaxDenseSize) {
@@ -296,7 +296,8 @@ Config configFromJson(const Json& json, const std::string& file) {
             r.fail(p + "/group", e.what());
          }
          if ((g.groupAddr >> 28) != 0xE) {
-            r.fail(p + "/group", fmt::format("{} is not an IPv4 multicast group (224.0.0.0/4)", addr));
+            r.fail(p + "/group",
+                   fmt::format("{} is not an IPv4 multicast group (224.0.0.0/4)", addr));
          }
          g.vrf = static_cast<std::uint32_t>(r.number(j, p, "vrf", 0, 0xFFFFFFFFu, 0));
          if (!keys.insert({g.vrf, g.groupAddr}).second) {
@@ -326,8 +327,8 @@ Config configFromJson(const Json& json, const std::string& file) {
                const std::string lp = fmt::format("{}/{}", rp, l);
                ReplicationList list = readList(r, (*repl)[l], lp, config);
                if (!speeds.insert(list.speed).second) {
-                  r.fail(lp + "/speed",
-                         fmt::format("speed {} has two lists in this group", speedName(list.speed)));
+                  r.fail(lp + "/speed", fmt::format("speed {} has two lists in this group",
+                                                    speedName(list.speed)));
                }
                listEntriesTotal += listEntries(list);
                g.replication.push_back(std::move(list));
@@ -391,8 +392,8 @@ Config configFromJson(const Json& json, const std::string& file) {
          const Json& j = (*aggs)[i];
          r.object(j, p, {"index", "members"});
          PortAggregation agg;
-         agg.index = static_cast<std::uint32_t>(r.number(r.required(j, p, "index"), p + "/index", 0,
-                                                         ChipLimits::kPortAggIndices - 1));
+         agg.index = static_cast<std::uint32_t>(
+             r.number(r.required(j, p, "index"), p + "/index", 0, ChipLimits::kPortAggIndices - 1));
          if (!indices.insert(agg.index).second) {
             r.fail(p + "/index", fmt::format("index {} is defined twice", agg.index));
          }

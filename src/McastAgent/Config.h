@@ -37,15 +37,15 @@ namespace McastAgent {
 
 // What the chip can hold; validation refuses anything beyond.
 struct ChipLimits {
-   static constexpr std::uint32_t kIpmcIndices = 1u << 16;       // remapped IPMC index: 16 bits
-   static constexpr std::uint32_t kNextHops = 1u << 16;          // egress objects
-   static constexpr std::uint32_t kListEntries = 1u << 18;       // head pointer: 18 bits
+   static constexpr std::uint32_t kIpmcIndices = 1u << 16;  // remapped IPMC index: 16 bits
+   static constexpr std::uint32_t kNextHops = 1u << 16;     // egress objects
+   static constexpr std::uint32_t kListEntries = 1u << 18;  // head pointer: 18 bits
    static constexpr std::uint32_t kHeadEntries = 1u << 17;
    static constexpr std::uint32_t kPortAggIndices = 512;
-   static constexpr std::uint32_t kPorts = 160;                  // port aggregation members
+   static constexpr std::uint32_t kPorts = 160;  // port aggregation members
    static constexpr std::uint32_t kSubPorts = 64;
-   static constexpr std::uint32_t kListsPerGroup = 15;           // head block size: 4 bits
-   static constexpr std::uint32_t kNextHopsPerList = 4095;       // numNextHops: 12 bits
+   static constexpr std::uint32_t kListsPerGroup = 15;      // head block size: 4 bits
+   static constexpr std::uint32_t kNextHopsPerList = 4095;  // numNextHops: 12 bits
    static constexpr std::uint32_t kMaxSparseSize = 8;
    static constexpr std::uint32_t kMaxDenseSize = 64;
    static constexpr std::uint32_t kMaxStrengthProfile = 31;

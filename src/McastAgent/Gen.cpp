@@ -45,8 +45,8 @@ Config generate(const GenOptions& opt) {
    Random rng(opt.seed);
    Config config;
    for (std::uint32_t id = 1; id <= kNextHops; ++id) {
-      config.nextHops.push_back({id, static_cast<std::uint16_t>(id % 128),
-                                 static_cast<std::uint16_t>(100 + id / 128)});
+      config.nextHops.push_back(
+          {id, static_cast<std::uint16_t>(id % 128), static_cast<std::uint16_t>(100 + id / 128)});
    }
    std::uint32_t listNo = 0;
    for (std::uint32_t i = 0; i < opt.groups; ++i) {

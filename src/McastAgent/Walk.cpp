@@ -69,9 +69,9 @@ std::vector<std::uint32_t> bitsOf(std::span<const std::uint32_t> words) {
 // Who reaches each entry of the memories behind the lookup, to find what nobody reaches
 // and what two owners claim.
 struct Reach {
-   std::map<Asic::Index, Asic::Index> listOwner;   // list entry -> first index of its chain
-   std::map<Asic::Index, Asic::Index> headOwner;   // head entry -> the IPMC index of its block
-   std::set<Asic::Index> groups;                   // replication group entries reached
+   std::map<Asic::Index, Asic::Index> listOwner;  // list entry -> first index of its chain
+   std::map<Asic::Index, Asic::Index> headOwner;  // head entry -> the IPMC index of its block
+   std::set<Asic::Index> groups;                  // replication group entries reached
    std::vector<std::string> claimedTwice;
 
    void claim(std::map<Asic::Index, Asic::Index>& owners, const char* memory, Asic::Index index,
@@ -205,8 +205,8 @@ Walk walkChip(ChipMemories& chip) {
          auto e = ChipSim::NextHopFormat::decode(words);
          walk.nextHops.push_back({index, e.port, e.vlan});
       } catch (const std::exception& e) {
-         walk.leaks.push_back(fmt::format("{}[{}]: {}", ChipSim::NextHopFormat::kMemory, index,
-                                          e.what()));
+         walk.leaks.push_back(
+             fmt::format("{}[{}]: {}", ChipSim::NextHopFormat::kMemory, index, e.what()));
       }
    });
    // Every lookup entry is walked, and with it its remap entry.
@@ -215,8 +215,8 @@ Walk walkChip(ChipMemories& chip) {
    auto unreached = [&](ChipSim::SimHwTable& hw, auto&& reached) {
       hw.forEachValidEntry([&](Asic::Index index, Asic::HwTable::Words) {
          if (!reached(index)) {
-            walk.leaks.push_back(fmt::format("{}[{}]: held, but no group reaches it", hw.name(),
-                                             index));
+            walk.leaks.push_back(
+                fmt::format("{}[{}]: held, but no group reaches it", hw.name(), index));
          }
       });
    };
@@ -257,7 +257,8 @@ std::string toText(const ReplicationSet& set) {
 }
 
 std::string toText(const WalkedGroup& g) {
-   std::string out = fmt::format("group {} ipmcIndex {}", groupName(g.groupAddr, g.vrf), g.ipmcIndex);
+   std::string out =
+       fmt::format("group {} ipmcIndex {}", groupName(g.groupAddr, g.vrf), g.ipmcIndex);
    if (g.remappedIpmcIndex) {
       out += fmt::format(" -> {} strengthProfile {}", *g.remappedIpmcIndex, g.strengthProfile);
    }
@@ -344,7 +345,8 @@ std::vector<std::string> differences(const Walk& walk, const Config& config) {
       for (const ReplicationList& list : target.replication) {
          auto l = lists.find(list.speed);
          if (l == lists.end()) {
-            out.push_back(fmt::format("{}: no {} replication on the chip", name, speedName(list.speed)));
+            out.push_back(
+                fmt::format("{}: no {} replication on the chip", name, speedName(list.speed)));
             continue;
          }
          std::vector<WalkedEgress> expected;
@@ -359,8 +361,9 @@ std::vector<std::string> differences(const Walk& walk, const Config& config) {
                                       speedName(list.speed), egressText(l->second->egress),
                                       egressText(expected)));
          } else if (l->second->numNextHops != replications) {
-            out.push_back(fmt::format("{}: {} head entry counts {} next hops, the list has {}", name,
-                                      speedName(list.speed), l->second->numNextHops, replications));
+            out.push_back(fmt::format("{}: {} head entry counts {} next hops, the list has {}",
+                                      name, speedName(list.speed), l->second->numNextHops,
+                                      replications));
          }
          lists.erase(l);
       }
@@ -381,9 +384,10 @@ std::vector<std::string> differences(const Walk& walk, const Config& config) {
       if (it == nhChip.end()) {
          out.push_back(fmt::format("next hop {}: not on the chip", nh.id));
       } else if (!(*it->second == nh)) {
-         out.push_back(fmt::format("next hop {}: port {} vlan {} on the chip, port {} vlan {} "
-                                   "configured",
-                                   nh.id, it->second->port, it->second->vlan, nh.port, nh.vlan));
+         out.push_back(
+             fmt::format("next hop {}: port {} vlan {} on the chip, port {} vlan {} "
+                         "configured",
+                         nh.id, it->second->port, it->second->vlan, nh.port, nh.vlan));
       }
       if (it != nhChip.end()) nhChip.erase(it);
    }
@@ -395,9 +399,10 @@ std::vector<std::string> differences(const Walk& walk, const Config& config) {
    for (const auto& l : config.l2SubPorts) l2Config.insert({l.mode, l.subPorts});
    for (const auto& l : l2Chip) {
       if (!l2Config.contains(l)) {
-         out.push_back(fmt::format("L2 sub-port list mode {} sub-ports [{}]: on the chip, not "
-                                   "configured",
-                                   l.first, fmt::join(l.second, ", ")));
+         out.push_back(
+             fmt::format("L2 sub-port list mode {} sub-ports [{}]: on the chip, not "
+                         "configured",
+                         l.first, fmt::join(l.second, ", ")));
       }
    }
    for (const auto& l : l2Config) {
@@ -427,7 +432,7 @@ std::vector<std::string> differences(const Walk& walk, const Config& config) {
 }
 
 const std::vector<std::string>& showTableNames() {
-   static const std::vector<std::string> names = {"remap", "head",  "list",  "l2subport",
+   static const std::vector<std::string> names = {"remap",   "head", "list",  "l2subport",
                                                   "portagg", "ipmc", "group", "nexthop"};
    return names;
 }

@@ -38,8 +38,8 @@ struct WalkedGroup {
    std::optional<Asic::Index> remappedIpmcIndex;  // none: no remap entry
    std::uint8_t strengthProfile = 0;
    std::optional<Asic::Index> headBase;  // none: no replication group at the remapped index
-   std::vector<WalkedList> lists;         // in head block order
-   std::vector<std::string> faults;       // where the walk could not go on, and why
+   std::vector<WalkedList> lists;        // in head block order
+   std::vector<std::string> faults;      // where the walk could not go on, and why
 };
 
 struct Walk {
