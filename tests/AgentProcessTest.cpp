@@ -22,7 +22,6 @@
 
 #include "AgentProcess.h"
 
-
 namespace {
 
 namespace fs = std::filesystem;
@@ -284,14 +283,14 @@ TEST_F(AgentProcessTest, ChangedConfigurationWritesOnlyTheDifference) {
    // ... one group gone and one new.
    const Json dropped = groups[free[0]];
    groups.erase(free[0]);
-   groups.push_back({{"name", "added"},
-                     {"group", "239.255.0.1"},
-                     {"strengthProfile", 1},
-                     {"replication",
-                      {{{"speed", "100G"},
-                        {"egress",
-                         {cfg["nextHops"][0]["id"], cfg["nextHops"][1]["id"],
-                          cfg["nextHops"][2]["id"]}}}}}});
+   groups.push_back(
+       {{"name", "added"},
+        {"group", "239.255.0.1"},
+        {"strengthProfile", 1},
+        {"replication",
+         {{{"speed", "100G"},
+           {"egress",
+            {cfg["nextHops"][0]["id"], cfg["nextHops"][1]["id"], cfg["nextHops"][2]["id"]}}}}}});
    const fs::path newFile = config("new.json", cfg);
 
    const Json changed = run(newFile);

@@ -72,8 +72,8 @@ class Torture {
    // A crashing run is killed or, past its last operation, ends normally.
    bool crash(const fs::path& config, const fs::path& chip, std::uint64_t n, Tally& t,
               const std::string& where) const {
-      auto r = agent({"run", "--config", config, "--chip", chip, "--crash-after-writes",
-                      std::to_string(n)});
+      auto r = agent(
+          {"run", "--config", config, "--chip", chip, "--crash-after-writes", std::to_string(n)});
       if (r.code == 128 + 9 || r.code == 0) return true;
       ++t.aborts;
       std::cerr << where << ": the crashing run ended " << r.code << "\n" << r.err;
@@ -146,8 +146,9 @@ Json changed(const Json& a) {
    std::size_t i = 0;
    for (Json g : a["groups"]) {
       const std::string name = g["name"];
-      const bool gone = dropped.contains(name) ||
-                        (g.contains("remapTo") && dropped.contains(g["remapTo"].get<std::string>()));
+      const bool gone =
+          dropped.contains(name) ||
+          (g.contains("remapTo") && dropped.contains(g["remapTo"].get<std::string>()));
       if (gone) {
          ++i;
          continue;
@@ -215,7 +216,8 @@ int main(int argc, char** argv) {
    Torture t(agentPath, work);
    Tally total;
    try {
-      auto gen = t.agent({"gen", "--groups", std::to_string(groups), "--seed", std::to_string(seed)});
+      auto gen =
+          t.agent({"gen", "--groups", std::to_string(groups), "--seed", std::to_string(seed)});
       if (gen.code != 0) throw std::runtime_error("gen failed:\n" + gen.err);
       const Json a = Json::parse(gen.out);
       const fs::path fileA = work / "a.json", fileB = work / "b.json";
@@ -233,7 +235,8 @@ int main(int argc, char** argv) {
       {
          const fs::path c = t.freshChip();
          for (const fs::path& file : {fileA, fileB}) {
-            auto r = t.agent({"run", "--json", "--check-every-write", "--config", file, "--chip", c});
+            auto r =
+                t.agent({"run", "--json", "--check-every-write", "--config", file, "--chip", c});
             const Json report = Json::parse(r.out.empty() ? "{}" : r.out);
             const auto& mbb = report.value("makeBeforeBreak", Json::object());
             const auto checked = mbb.value("operationsChecked", std::uint64_t{0});
@@ -254,9 +257,10 @@ int main(int argc, char** argv) {
             one(n, s, std::string(name) + " crash point " + std::to_string(n));
          }
          const bool crashes = std::string(name) != "faults";
-         std::cout << name << ": " << ops << (crashes ? " operations, crash points " : " faulty seeds ")
-                   << s.points << ", divergences " << s.divergences << ", leaks " << s.leaks
-                   << ", aborts " << s.aborts << std::endl;
+         std::cout << name << ": " << ops
+                   << (crashes ? " operations, crash points " : " faulty seeds ") << s.points
+                   << ", divergences " << s.divergences << ", leaks " << s.leaks << ", aborts "
+                   << s.aborts << std::endl;
          if (!crashes) s.points = 0;
          total += s;
       };

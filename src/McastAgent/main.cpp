@@ -62,8 +62,7 @@ int runCommand(const std::string& configFile, const std::string& dir, bool json,
        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
    McastAgent::ChipMemories chip(dir, faults);
    auto report = McastAgent::run(
-       chip, config,
-       {.progress = isatty(STDERR_FILENO) == 1, .checkEveryWrite = checkEveryWrite});
+       chip, config, {.progress = isatty(STDERR_FILENO) == 1, .checkEveryWrite = checkEveryWrite});
    report.phasesMs.insert(report.phasesMs.begin(), {"config", loadMs});
    if (json) {
       print(report.toJson());
@@ -80,8 +79,8 @@ int runCommand(const std::string& configFile, const std::string& dir, bool json,
 int clearCommand(const std::string& dir, bool json) {
    requireChip(dir);
    McastAgent::ChipMemories chip(dir);
-   const auto report = McastAgent::run(chip, McastAgent::Config{},
-                                       {.progress = isatty(STDERR_FILENO) == 1});
+   const auto report =
+       McastAgent::run(chip, McastAgent::Config{}, {.progress = isatty(STDERR_FILENO) == 1});
    if (json) {
       print(report.toJson());
    } else {
@@ -163,8 +162,9 @@ int verifyCommand(const std::string& configFile, const std::string& dir, bool js
 
 int main(int argc, char** argv) {
    defaultPluginPath();
-   CLI::App app{"Reference multicast agent: programs a multicast configuration onto the "
-                "simulated chip through the replication tables, and reads the chip back"};
+   CLI::App app{
+       "Reference multicast agent: programs a multicast configuration onto the "
+       "simulated chip through the replication tables, and reads the chip back"};
    app.require_subcommand(1);
    std::string config, chipDir, table, group;
    bool json = false;
@@ -196,33 +196,37 @@ int main(int argc, char** argv) {
                  "walk every group after every chip write: each must replicate as before or as "
                  "configured, never a mix (exit 1 otherwise)");
 
-   auto* show = app.add_subcommand(
-       "show", "Decode one chip memory, one line per valid entry.\n"
-               "  example: mcast_agent show head --chip /tmp/chip");
-   show->add_option("table", table, "remap, head, list, l2subport, portagg (or the agent's own: "
-                                    "ipmc, group, nexthop)")
+   auto* show = app.add_subcommand("show",
+                                   "Decode one chip memory, one line per valid entry.\n"
+                                   "  example: mcast_agent show head --chip /tmp/chip");
+   show->add_option("table", table,
+                    "remap, head, list, l2subport, portagg (or the agent's own: "
+                    "ipmc, group, nexthop)")
        ->required()
        ->check(CLI::IsMember(McastAgent::showTableNames()));
    show->add_option("--chip", chipDir, "chip directory")->required();
    show->add_flag("--json", json, "print JSON");
 
    auto* walk = app.add_subcommand(
-       "walk", "Packet walk from the chip's memories only: each group's replication set.\n"
-               "  example: mcast_agent walk --chip /tmp/chip --group 239.1.1.1");
+       "walk",
+       "Packet walk from the chip's memories only: each group's replication set.\n"
+       "  example: mcast_agent walk --chip /tmp/chip --group 239.1.1.1");
    walk->add_option("--chip", chipDir, "chip directory")->required();
    walk->add_option("--group", group, "one group: ADDRESS or ADDRESS@VRF");
    walk->add_flag("--json", json, "print JSON");
 
    auto* verify = app.add_subcommand(
-       "verify", "Walk every group and compare with a configuration; exit 1 on a difference.\n"
-                 "  example: mcast_agent verify --config examples/groups.json --chip /tmp/chip");
+       "verify",
+       "Walk every group and compare with a configuration; exit 1 on a difference.\n"
+       "  example: mcast_agent verify --config examples/groups.json --chip /tmp/chip");
    verify->add_option("--config", config, "configuration file (JSON)")->required();
    verify->add_option("--chip", chipDir, "chip directory")->required();
    verify->add_flag("--json", json, "print JSON");
 
-   auto* genCmd = app.add_subcommand(
-       "gen", "Write a valid configuration of N groups to stdout.\n"
-              "  example: mcast_agent gen --groups 1000 --seed 7 > /tmp/big.json");
+   auto* genCmd =
+       app.add_subcommand("gen",
+                          "Write a valid configuration of N groups to stdout.\n"
+                          "  example: mcast_agent gen --groups 1000 --seed 7 > /tmp/big.json");
    genCmd->add_option("--groups", gen.groups, "number of groups")
        ->required()
        ->check(CLI::Range(1u, McastAgent::ChipLimits::kIpmcIndices - 1));
@@ -231,8 +235,9 @@ int main(int argc, char** argv) {
        ->check(CLI::Range(1u, 64u));
 
    auto* clear = app.add_subcommand(
-       "clear", "Remove every entry through the tables (delete dance, purge) and leave an "
-                "empty chip.\n  example: mcast_agent clear --chip /tmp/chip");
+       "clear",
+       "Remove every entry through the tables (delete dance, purge) and leave an "
+       "empty chip.\n  example: mcast_agent clear --chip /tmp/chip");
    clear->add_option("--chip", chipDir, "chip directory")->required();
    clear->add_flag("--json", json, "print the report as JSON");
 

@@ -11,8 +11,8 @@ namespace {
     (Asic::TypeRegistry::registerType<MmuRqeReplPortAggMapRegisterEntry>(), true);
 }  // namespace
 
-Asic::Ptr<const MmuRqeReplPortAggMapRegister::EntryHandle> MmuRqeReplPortAggMapRegister::entryCommit(
-    Asic::Index index, const Entry& entry) {
+Asic::Ptr<const MmuRqeReplPortAggMapRegister::EntryHandle>
+MmuRqeReplPortAggMapRegister::entryCommit(Asic::Index index, const Entry& entry) {
    auto eh = SwTableImpl::entryCommit(index, entry);
    const auto* resolved = resolvedEntry(index);
    if (eh->entryState() != Asic::SwTableBase::EntryState::unresolved || !resolved ||
@@ -63,9 +63,9 @@ void MmuRqeReplPortAggMapRegister::autoCommitSyncedEntries() {
                        "walked past the synced entries");
       // The marker of the write to come follows the index's handle, if a client has one.
       const EntryHandle* eh = entryHandle(it->first);
-      reconciledIndexIs(eh && (eh->resolvedEntryState() == Asic::SwTableBase::EntryState::success ||
-                               eh->resolvedEntryState() ==
-                                   Asic::SwTableBase::EntryState::indexReconciled));
+      reconciledIndexIs(
+          eh && (eh->resolvedEntryState() == Asic::SwTableBase::EntryState::success ||
+                 eh->resolvedEntryState() == Asic::SwTableBase::EntryState::indexReconciled));
       resolvedEntryAdopt(it->first, it->second);
    }
    reconciledIndexIs(false);
