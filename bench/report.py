@@ -366,10 +366,13 @@ def main(argv):
         return 2
 
     families = group_families(runs)
+    # A baseline is drawn on its family's plot; one serving no family gets its own.
+    paired = {id(b) for fam in families.values() for b in fam.baselines}
     try:
-        plots = [p for fam in families.values() if not fam.is_baseline or not any(
-            fam in f.baselines for f in families.values())
-                 for p in [plot_family(fam, out_dir)] if p]
+        plots = []
+        for fam in families.values():
+            if id(fam) not in paired and (path := plot_family(fam, out_dir)):
+                plots.append(path)
     except ImportError as e:
         print(f"report: cannot draw the plots ({e}); python3-matplotlib is needed (./dev setup)",
               file=sys.stderr)

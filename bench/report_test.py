@@ -11,6 +11,7 @@ from contextlib import redirect_stderr
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
+sys.dont_write_bytecode = True  # no __pycache__ in the source tree
 sys.path.insert(0, str(HERE))
 import report  # noqa: E402
 
