@@ -20,9 +20,8 @@ How a run's name is read (`family/arg/arg/option`):
 Which figure is "ns per item", first that applies:
   1. a counter named as nanoseconds per something: `ns_per_<unit>` or `ns/<unit>` before
      a stage's own (`program_ns_per_<unit>`); among several, one whose unit is what a named
-     N counts (`lists:` -> `ns_per_list`), then the one nearest the run's items rate (or
-     real time / N), then by name;
-  2. the items rate the run reports: 1e9 / items_per_second;
+     N counts (`lists:` -> `ns_per_list`), then the one nearest 2. (or 3.), then by name;
+  2. real time per item, where the run counts items (items_per_second);
   3. real time per iteration divided by N.
   A counter kept as a rate inverted (seconds per item, as benchmark::Counter::kInvert
   gives) is told by its size: no item takes under 1e-3 ns, so such a value is seconds.
@@ -101,14 +100,20 @@ def singular(word):
     return word[:-1] if word and word.endswith("s") else word
 
 
-def ns_per_item(row, n, size_name):
-    """(ns per item, where it came from), or (None, reason)."""
+def ns_per_item(row, n, size_name, rate_on_real_time):
+    """(ns per item, where it came from)."""
     unit = row.get("time_unit", "ns")
     if unit not in TO_NS:
         raise ReportError(f"unknown time_unit '{unit}'")
     real_ns = float(row["real_time"]) * TO_NS[unit]  # per iteration, aggregates too
-    items = row.get("items_per_second")
-    reference = 1e9 / items if items else (real_ns / n if n else None)
+    per_item = None
+    if row.get("items_per_second"):
+        # The items rate is over CPU time unless the run is timed by hand or on the wall
+        # clock: per item, it is real time over the items per iteration either way.
+        basis = row["real_time"] if rate_on_real_time else row.get("cpu_time", 0)
+        items = row["items_per_second"] * float(basis) * TO_NS[unit] / 1e9
+        per_item = real_ns / items if items > 0 else 1e9 / row["items_per_second"]
+    reference = per_item or (real_ns / n if n else None)
 
     candidates = []
     for key, value in row.items():
@@ -122,8 +127,8 @@ def ns_per_item(row, n, size_name):
     if candidates:
         _, ns, key = min(candidates)
         return ns, key
-    if items:
-        return 1e9 / items, "items_per_second"
+    if per_item:
+        return per_item, "real_time / items"
     if n:
         return real_ns / n, "real_time / N"
     return real_ns, "real_time (no N)"
@@ -171,7 +176,9 @@ def load_program(path):
             if row.get("error_occurred"):
                 run.error = row.get("error_message") or "error"
             else:
-                run.ns_per_item, run.figure = ns_per_item(row, n, size_name)
+                options = set(run_name.split("/"))
+                run.ns_per_item, run.figure = ns_per_item(
+                    row, n, size_name, bool(options & {"manual_time", "real_time"}))
         except (KeyError, TypeError, ValueError, ReportError) as e:
             what = f"missing field {e}" if isinstance(e, KeyError) else str(e)
             raise ReportError(f"{path}: benchmark '{run_name}': {what}") from None
@@ -258,7 +265,7 @@ def y_label(runs):
         elif r.figure == "real_time / N":
             units.add(singular(r.size_name) or "entry")
         else:
-            units.add("item")
+            units.add("item")  # real time per item, or per iteration without N
     return f"ns per {units.pop()}" if len(units) == 1 else "ns per item"
 
 
@@ -318,8 +325,7 @@ def summary(families, contexts, empty, plots):
     lines = ["# Benchmark report", ""]
     for program, ctx in contexts.items():
         facts = [ctx.get("date", ""), ctx.get("host_name", ""),
-                 f"{ctx['num_cpus']} CPUs" if "num_cpus" in ctx else "",
-                 f"library built {ctx['library_build_type']}" if "library_build_type" in ctx else ""]
+                 f"{ctx['num_cpus']} CPUs" if "num_cpus" in ctx else ""]
         if ctx.get("cpu_scaling_enabled"):
             facts.append("CPU scaling on: figures are noisy")
         lines.append(f"- `{program}`: " + ", ".join(f for f in facts if f))
@@ -337,7 +343,7 @@ def summary(families, contexts, empty, plots):
             lines.append(f"| {r.program} | `{r.name}` | {n} | {fmt_ns(r.ns_per_item)} | {ratio} "
                          f"| {r.figure} |")
     if plots:
-        lines += ["", "Plots: " + ", ".join(f"[{p.name}]({p.name})" for p in plots)]
+        lines += ["", "Plots:", ""] + [f"- [{p.name}]({p.name})" for p in plots]
     return "\n".join(lines) + "\n"
 
 
