@@ -49,15 +49,13 @@ Entry::MmuReplListTableEntry(Asic::CharRange& range) {
 
 Entry::MmuReplListTableEntry(MmuReplListTableEntry&& other)
     : EntryBase(other),
-      egressObjectHandle_(other.egressObjectHandle_),
+      identity_(other.identity_),
       egressObject_(std::move(other.egressObject_)),
       denseEntrySize_(other.denseEntrySize_),
       denseReplListEntry_(std::move(other.denseReplListEntry_)),
       sparseEntrySize_(other.sparseEntrySize_),
       sparseReplListEntry_(std::move(other.sparseReplListEntry_)),
       genId_(other.genId_),
-      digest_(other.digest_),
-      digestValid_(other.digestValid_),
       writeResponseFn(other.writeResponseFn) {
    // A moved-from container is only "valid"; the source is promised empty ones.
    other.egressObject_.clear();
@@ -68,15 +66,13 @@ Entry::MmuReplListTableEntry(MmuReplListTableEntry&& other)
 Entry& Entry::operator=(MmuReplListTableEntry&& other) {
    if (this == &other) return *this;
    EntryBase::operator=(other);
-   egressObjectHandle_ = other.egressObjectHandle_;
+   identity_ = other.identity_;
    egressObject_ = std::move(other.egressObject_);
    denseEntrySize_ = other.denseEntrySize_;
    denseReplListEntry_ = std::move(other.denseReplListEntry_);
    sparseEntrySize_ = other.sparseEntrySize_;
    sparseReplListEntry_ = std::move(other.sparseReplListEntry_);
    genId_ = other.genId_;
-   digest_ = other.digest_;
-   digestValid_ = other.digestValid_;
    writeResponseFn = other.writeResponseFn;
    other.egressObject_.clear();
    other.denseReplListEntry_.clear();
@@ -89,13 +85,34 @@ void Entry::egressObjectHandleIs(EntryHandlePtr eh, PortList ports) {
       throw std::invalid_argument(
           fmt::format("{}: egressObjectHandle must not be a null entry handle", kTypeName));
    }
-   egressObjectHandle_.insert_or_assign(std::move(eh), std::move(ports));
-   digestValid_ = false;
+   identityForChange().handles.insert_or_assign(std::move(eh), std::move(ports));
+}
+
+void Entry::egressObjectHandleDel(const EntryHandle* eh) {
+   if (!egressObjectHandleHas(eh)) return;  // a shared body stays shared
+   Identity& identity = identityForChange();
+   identity.handles.erase(identity.handles.find(eh));
+   if (identity.handles.empty()) identity_.reset();
+}
+
+const Entry::EgressObjectHandleMap Entry::kNoHandles;
+
+Entry::Identity& Entry::identityForChange() {
+   if (!identity_) {
+      identity_ = Asic::makePtr<Identity>();
+   } else if (identity_->refCount() > 1) {
+      auto copy = Asic::makePtr<Identity>();
+      copy->handles = identity_->handles;
+      identity_ = std::move(copy);
+   }
+   identity_->digestValid = false;
+   return *identity_;
 }
 
 const PortList& Entry::egressObjectHandle(const EntryHandle* eh) const {
-   auto it = egressObjectHandle_.find(eh);
-   if (it == egressObjectHandle_.end()) {
+   const auto& handles = egressObjectHandles();
+   auto it = handles.find(eh);
+   if (it == handles.end()) {
       throw std::out_of_range(
           fmt::format("{}: egressObjectHandle {} is not in the list", kTypeName, fmt::ptr(eh)));
    }
@@ -144,7 +161,7 @@ std::uint32_t Entry::getBlockSize() const {
    } else {
       // An entry that is not resolved yet is counted from its handles.
       std::uint32_t total = portCount(egressObject_);
-      if (total == 0) total = portCount(egressObjectHandle_);
+      if (total == 0) total = portCount(egressObjectHandles());
       if (total != 0) {
          if (sparseEntrySize_ == 0) {
             throw std::invalid_argument(fmt::format(
@@ -166,19 +183,23 @@ std::uint32_t Entry::getBlockSize() const {
               "numEgresHandlesObjects: {}, sparseReplListEntry size: {}, denseReplListEntry "
               "size: {}",
               kMmuReplListTableTypeName, "getBlockSize", blockSize, egressObject_.size(),
-              egressObjectHandle_.size(), sparseReplListEntry_.size(), denseReplListEntry_.size());
+              egressObjectHandles().size(), sparseReplListEntry_.size(),
+              denseReplListEntry_.size());
    return blockSize;
 }
 
 bool Entry::isEq(const MmuReplListTableEntry& other) const noexcept {
    if (this == &other) return true;
    if (genId_ != other.genId_) return false;
-   if (egressObjectHandle_.size() != other.egressObjectHandle_.size()) return false;
+   if (identity_ == other.identity_) return true;  // one body: copies of one list
+   const auto& mine = egressObjectHandles();
+   const auto& theirs = other.egressObjectHandles();
+   if (mine.size() != theirs.size()) return false;
    if (digest() != other.digest()) return false;
-   auto theirs = other.egressObjectHandle_.begin();
-   for (const auto& [eh, ports] : egressObjectHandle_) {
-      if (eh != theirs->first || ports != theirs->second) return false;
-      ++theirs;
+   auto it = theirs.begin();
+   for (const auto& [eh, ports] : mine) {
+      if (eh != it->first || ports != it->second) return false;
+      ++it;
    }
    return true;
 }
@@ -187,29 +208,37 @@ std::strong_ordering operator<=>(const MmuReplListTableEntry& a,
                                  const MmuReplListTableEntry& b) noexcept {
    if (&a == &b) return std::strong_ordering::equal;
    using ByAddress = MmuReplListTableEntry::ByAddress;
-   auto ia = a.egressObjectHandle_.begin();
-   auto ib = b.egressObjectHandle_.begin();
-   for (; ia != a.egressObjectHandle_.end() && ib != b.egressObjectHandle_.end(); ++ia, ++ib) {
-      if (auto c = ByAddress::address(ia->first.get()) <=> ByAddress::address(ib->first.get());
-          c != 0) {
-         return c;
+   const auto& ha = a.egressObjectHandles();
+   const auto& hb = b.egressObjectHandles();
+   if (a.identity_ != b.identity_) {
+      auto ia = ha.begin();
+      auto ib = hb.begin();
+      for (; ia != ha.end() && ib != hb.end(); ++ia, ++ib) {
+         if (auto c = ByAddress::address(ia->first.get()) <=> ByAddress::address(ib->first.get());
+             c != 0) {
+            return c;
+         }
+         if (auto c = ia->second <=> ib->second; c != 0) return c;
       }
-      if (auto c = ia->second <=> ib->second; c != 0) return c;
+      if (auto c = ha.size() <=> hb.size(); c != 0) return c;
    }
-   if (auto c = a.egressObjectHandle_.size() <=> b.egressObjectHandle_.size(); c != 0) return c;
    return a.genId_ <=> b.genId_;
 }
 
 std::uint64_t Entry::digest() const {
-   if (!digestValid_) {
-      std::uint64_t h = absl::HashOf(egressObjectHandle_.size());
-      for (const auto& [eh, ports] : egressObjectHandle_) {
-         h = absl::HashOf(h, ByAddress::address(eh.get()), ports);
+   std::uint64_t handles = absl::HashOf(std::size_t{0});
+   if (identity_) {
+      if (!identity_->digestValid) {
+         std::uint64_t h = absl::HashOf(identity_->handles.size());
+         for (const auto& [eh, ports] : identity_->handles) {
+            h = absl::HashOf(h, ByAddress::address(eh.get()), ports);
+         }
+         identity_->digest = h;
+         identity_->digestValid = true;
       }
-      digest_ = absl::HashOf(h, genId_);
-      digestValid_ = true;
+      handles = identity_->digest;
    }
-   return digest_;
+   return absl::HashOf(handles, genId_);
 }
 
 std::size_t Entry::hash(std::uint32_t seed) const { return absl::HashOf(seed, digest()); }
@@ -217,7 +246,8 @@ std::size_t Entry::hash(std::uint32_t seed) const { return absl::HashOf(seed, di
 std::string Entry::toString() const {
    auto same = [](const auto& k) -> const auto& { return k; };
    std::string out = "{egressObjectHandle: ";
-   appendMap(out, egressObjectHandle_, [](const EntryHandlePtr& eh) { return fmt::ptr(eh.get()); });
+   appendMap(out, egressObjectHandles(),
+             [](const EntryHandlePtr& eh) { return fmt::ptr(eh.get()); });
    out += ", egressObject: ";
    appendMap(out, egressObject_, same);
    fmt::format_to(std::back_inserter(out),

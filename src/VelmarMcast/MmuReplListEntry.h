@@ -84,32 +84,23 @@ class MmuReplListTableEntry : public Asic::EntryBase {
    MmuReplListTableEntry& operator=(MmuReplListTableEntry&& other);
 
    // --- identity --------------------------------------------------------------------------
-   const EgressObjectHandleMap& egressObjectHandles() const noexcept { return egressObjectHandle_; }
+   const EgressObjectHandleMap& egressObjectHandles() const noexcept {
+      return identity_ ? identity_->handles : kNoHandles;
+   }
    // Inserts the handle, or replaces the ports of a handle already present. Throws
    // std::invalid_argument for a null handle.
    void egressObjectHandleIs(EntryHandlePtr eh, PortList ports);
-   void egressObjectHandleDel(const EntryHandle* eh) {
-      if (auto it = egressObjectHandle_.find(eh); it != egressObjectHandle_.end()) {
-         egressObjectHandle_.erase(it);
-         digestValid_ = false;
-      }
-   }
+   void egressObjectHandleDel(const EntryHandle* eh);
    void egressObjectHandleDel(const EntryHandlePtr& eh) { egressObjectHandleDel(eh.get()); }
-   void egressObjectHandleDelAll() noexcept {
-      egressObjectHandle_.clear();
-      digestValid_ = false;
-   }
+   void egressObjectHandleDelAll() noexcept { identity_.reset(); }
    bool egressObjectHandleHas(const EntryHandle* eh) const {
-      return egressObjectHandle_.find(eh) != egressObjectHandle_.end();
+      return egressObjectHandles().find(eh) != egressObjectHandles().end();
    }
    // The ports of a handle; throws std::out_of_range when the handle is not in the list.
    const PortList& egressObjectHandle(const EntryHandle* eh) const;
 
    std::uint32_t genId() const noexcept { return genId_; }
-   void genIdIs(std::uint32_t genId) noexcept {
-      genId_ = genId;
-      digestValid_ = false;
-   }
+   void genIdIs(std::uint32_t genId) noexcept { genId_ = genId; }
 
    // --- parameters ------------------------------------------------------------------------
    std::uint8_t sparseEntrySize() const noexcept { return sparseEntrySize_; }
@@ -170,22 +161,33 @@ class MmuReplListTableEntry : public Asic::EntryBase {
    friend std::strong_ordering operator<=>(const MmuReplListTableEntry& a,
                                            const MmuReplListTableEntry& b) noexcept;
    std::size_t hash(std::uint32_t seed) const;
-   explicit operator bool() const noexcept { return genId_ != 0 || !egressObjectHandle_.empty(); }
+   explicit operator bool() const noexcept { return genId_ != 0 || !egressObjectHandles().empty(); }
 
    std::string toString() const;
 
  private:
-   EgressObjectHandleMap egressObjectHandle_;
+   // The list's handles with their ports, shared by every copy of the entry: a list is the
+   // key of several collections and of the allocator, and its copies share one body
+   // instead of each copying every handle (an equal body is also found equal at once). A
+   // body is never changed while shared: the first change to a shared one copies it.
+   struct Identity : Asic::RefCounted {
+      EgressObjectHandleMap handles;
+      // Seed-free hash of the handles, kept with them: a list is hashed and compared on
+      // every look-up of every collection that holds it.
+      mutable std::uint64_t digest = 0;
+      mutable bool digestValid = false;
+   };
+   static const EgressObjectHandleMap kNoHandles;
+   // The body, owned by this entry alone, ready to change.
+   Identity& identityForChange();
+
+   Asic::Ptr<Identity> identity_;  // null: no handles
    EgressObjectMap egressObject_;
    std::uint8_t denseEntrySize_ = 0;
    mutable DenseReplListEntryMap denseReplListEntry_;
    std::uint8_t sparseEntrySize_ = 0;
    mutable SparseReplListEntryMap sparseReplListEntry_;
    std::uint32_t genId_ = 0;
-   // Seed-free hash of the identity, kept with it: a list is hashed and compared on every
-   // look-up of every collection that holds it. Reset by every identity mutator.
-   mutable std::uint64_t digest_ = 0;
-   mutable bool digestValid_ = false;
    std::uint64_t digest() const;
 
  public:
