@@ -161,7 +161,10 @@ BENCHMARK(BM_RemapWarmRestart)
     ->Iterations(5)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
+// 256K, 512K and 1M: time(2N) / time(N) shows whether any step grows faster than N.
 BENCHMARK(BM_RemapWarmRestart)
+    ->Arg(256 * 1024)
+    ->Arg(512 * 1024)
     ->Arg(1024 * 1024)
     ->Iterations(1)
     ->UseManualTime()

@@ -49,27 +49,32 @@ void HwTable::entryClear(Index index) {
 }
 
 void IndexUserTracker::update(Index index, Op op) {
+   if (index >= numEntries_) {
+      throw std::out_of_range(
+          fmt::format("index user tracker: index {} is past the hardware table's {} entries", index,
+                      numEntries_));
+   }
    ++updates_;
    switch (op) {
       case taken:
       case takenAgain:
-         ++users_[index];
+         if (index >= users_.size()) users_.resize(std::size_t{index} + 1, 0);
+         if (users_[index]++ == 0) ++usedIndices_;
          break;
       case released:
       case releasedByDelete:
-         if (auto it = users_.find(index); it != users_.end() && --it->second == 0)
-            users_.erase(it);
+         if (index < users_.size() && users_[index] != 0 && --users_[index] == 0) --usedIndices_;
          break;
    }
 }
 
 std::uint32_t IndexUserTracker::users(Index index) const {
-   auto it = users_.find(index);
-   return it == users_.end() ? 0 : it->second;
+   return index < users_.size() ? users_[index] : 0;
 }
 
 IndexUserTracker& IndexUserTracker::Stub::tracker(HwTable& hwTable, UnitId) {
-   if (!hwTable.indexUserTracker()) hwTable.indexUserTrackerIs(makePtr<IndexUserTracker>());
+   if (!hwTable.indexUserTracker())
+      hwTable.indexUserTrackerIs(makePtr<IndexUserTracker>(hwTable.numEntries()));
    return *hwTable.indexUserTracker();
 }
 

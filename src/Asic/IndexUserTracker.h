@@ -4,8 +4,7 @@
 // every table.
 
 #include <cstdint>
-
-#include <absl/container/flat_hash_map.h>
+#include <vector>
 
 #include "Asic/RefCounted.h"
 #include "Asic/Types.h"
@@ -24,9 +23,13 @@ class IndexUserTracker : public RefCounted {
       releasedByDelete = 3,  // a key's value is withdrawn (delete dance)
    };
 
+   // `numEntries`: the hardware table's size; an index at or past it is refused.
+   explicit IndexUserTracker(std::uint32_t numEntries = invalidIndex) : numEntries_(numEntries) {}
+
+   // Throws std::out_of_range for an index past the hardware table.
    void update(Index index, Op op);
    std::uint32_t users(Index index) const;
-   std::size_t usedIndices() const noexcept { return users_.size(); }
+   std::size_t usedIndices() const noexcept { return usedIndices_; }
    std::uint64_t updates() const noexcept { return updates_; }
 
    class Stub {
@@ -39,7 +42,11 @@ class IndexUserTracker : public RefCounted {
    };
 
  private:
-   absl::flat_hash_map<Index, std::uint32_t> users_;
+   // Counts by index, grown to the highest index seen: hardware tables are dense and every
+   // write updates the tracker, so an array beats a hash map in time and space.
+   std::vector<std::uint32_t> users_;
+   std::size_t usedIndices_ = 0;
+   std::uint32_t numEntries_;
    std::uint64_t updates_ = 0;
 };
 

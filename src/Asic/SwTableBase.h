@@ -3,9 +3,11 @@
 // the hardware layer (write responses) and other tables can talk to any table's handles
 // without knowing the table.
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include <fmt/format.h>
@@ -42,6 +44,8 @@ class SwTableBase : public RefCounted, public Observable {
    };
 
    class EntryHandle : public RefCounted, public Observable {
+      friend class WriteResponseSm;
+
     public:
       EntryState entryState() const { return checked(entryState_); }
       // Stores the state, publishes it, tells watchers and dispatches handleEntryState().
@@ -94,7 +98,19 @@ class SwTableBase : public RefCounted, public Observable {
       Index hwIndex_ = invalidIndex;
 
     private:
+      // The handle's writes still outstanding at its table's write-response SM, kept here so
+      // that a write and its response find them without a look-up. Tickets only grow, so a
+      // ticket belongs to the newest programming exactly when it is not older than `newest`
+      // (compared modulo 2^32: the tickets outstanding at once span far less than 2^31).
+      struct WriteProgress {
+         std::uint32_t newest = 0;           // first ticket of the newest programming, mod 2^32
+         std::uint32_t writes = 0;           // of the newest programming
+         std::uint32_t superseded : 31 = 0;  // of older programmings, absorbed when they complete
+         std::uint32_t failed : 1 = 0;       // some write of the newest programming failed
+      };
+
       std::vector<EntryHandleWatcher*>* watchers_ = nullptr;  // not owned; null when none
+      WriteProgress writeProgress_;
    };
 
    // The index of a handle as written into dependent entries.
@@ -111,8 +127,44 @@ class SwTableBase : public RefCounted, public Observable {
 
 std::string_view toString(SwTableBase::EntryState state) noexcept;
 
-// The client's completion callback, carried in each entry value.
-using WriteResponseFn = std::function<void(SwTableBase::EntryState)>;
+// The client's completion callback, carried in each entry value. Values are copied into
+// several of a table's records and kept for every key, so the callback is shared, not
+// copied: one pointer per value, and a copy is a count. Empty when default-constructed or
+// made from an empty std::function or a null function pointer.
+class WriteResponseFn {
+ public:
+   using Signature = void(SwTableBase::EntryState);
+
+   WriteResponseFn() noexcept = default;
+   WriteResponseFn(std::nullptr_t) noexcept {}
+   template <typename F>
+   requires(!std::is_same_v<std::remove_cvref_t<F>, WriteResponseFn> &&
+            std::is_invocable_v<std::remove_cvref_t<F>&, SwTableBase::EntryState>)
+       WriteResponseFn(F&& fn) {
+      using Fn = std::remove_cvref_t<F>;
+      if constexpr (std::is_pointer_v<Fn> || std::is_same_v<Fn, std::function<Signature>>) {
+         if (!fn) return;
+      }
+      box_ = makePtr<const Box<Fn>>(std::forward<F>(fn));
+   }
+
+   explicit operator bool() const noexcept { return box_ != nullptr; }
+   void operator()(SwTableBase::EntryState state) const { box_->call(state); }
+
+ private:
+   struct Callable : RefCounted {
+      virtual void call(SwTableBase::EntryState state) const = 0;
+   };
+   template <typename Fn>
+   struct Box final : Callable {
+      template <typename G>
+      explicit Box(G&& g) : fn(std::forward<G>(g)) {}
+      void call(SwTableBase::EntryState state) const override { fn(state); }
+      mutable Fn fn;  // a callback may keep state of its own
+   };
+
+   Ptr<const Callable> box_;
+};
 
 }  // namespace Asic
 

@@ -1,5 +1,7 @@
 #include "Asic/WriteResponseSm.h"
 
+#include <algorithm>
+
 namespace Asic {
 
 WriteResponseSm::WriteContext::WriteContext(WriteResponseSm* sm,
@@ -21,77 +23,83 @@ WriteResponseSm::WriteContext::~WriteContext() {
 WriteResponseSm::Ticket WriteResponseSm::writeIssued() {
    if (!context_) return kNoTicket;
    const Ticket t = nextTicket_++;
-   Outstanding& out = perHandle_[context_];
+   Progress& out = progress(context_);
    if (!contextStarted_) {
       // A new programming of the handle: whatever is still outstanding is superseded.
       contextStarted_ = true;
-      out.newest = t;
+      out.newest = static_cast<std::uint32_t>(t);
       out.superseded += out.writes;
       out.writes = 0;
       out.failed = 0;
    }
    ++out.writes;
-   tickets_.emplace(t, Ptr<SwTableBase::EntryHandle>(context_));
+   if (tickets_.empty()) firstTicket_ = t;
+   tickets_.emplace_back(context_);
+   peak_ = std::max(peak_, tickets_.size());
+   ++outstanding_;
    return t;
 }
 
 std::size_t WriteResponseSm::outstandingWrites(const SwTableBase::EntryHandle* eh) const {
-   auto it = perHandle_.find(eh);
-   return it == perHandle_.end() ? 0 : it->second.writes + it->second.superseded;
+   const Progress& out = eh->writeProgress_;
+   return out.writes + out.superseded;
 }
 
-void WriteResponseSm::forgetIfDone(const SwTableBase::EntryHandle* eh, const Outstanding& out) {
-   if (out.writes == 0 && out.superseded == 0) perHandle_.erase(eh);
-}
-
-WriteResponseSm::Taken WriteResponseSm::take(Ticket ticket) {
-   Taken taken;
-   auto it = tickets_.find(ticket);
-   if (it == tickets_.end()) return taken;  // not ours, or already reported
-   taken.eh = std::move(it->second);
-   tickets_.erase(it);
-   auto found = perHandle_.find(taken.eh.get());
-   if (found != perHandle_.end()) taken.out = &found->second;
-   return taken;
+Ptr<SwTableBase::EntryHandle> WriteResponseSm::take(Ticket ticket) {
+   if (ticket < firstTicket_ || ticket - firstTicket_ >= tickets_.size()) return {};
+   Ptr<SwTableBase::EntryHandle> eh = std::move(tickets_[ticket - firstTicket_]);
+   if (!eh) return eh;  // already reported
+   --outstanding_;
+   while (!tickets_.empty() && !tickets_.front()) {
+      tickets_.pop_front();
+      ++firstTicket_;
+   }
+   if (tickets_.empty() && peak_ > kRingKept) {
+      std::deque<Ptr<SwTableBase::EntryHandle>>().swap(tickets_);  // a burst's ring is not kept
+      peak_ = 0;
+   }
+   return eh;
 }
 
 void WriteResponseSm::writeCompleted(Ticket ticket, bool ok) {
-   Taken t = take(ticket);
-   if (!t.out) return;
-   if (ticket < t.out->newest) {
-      --t.out->superseded;
-      forgetIfDone(t.eh.get(), *t.out);
+   Ptr<SwTableBase::EntryHandle> eh = take(ticket);
+   if (!eh) return;
+   Progress& out = progress(eh.get());
+   if (superseded(ticket, out)) {
+      --out.superseded;
+      forgetIfDone(out);
       return;
    }
-   t.out->failed |= !ok;
-   if (--t.out->writes != 0) return;  // one response covers all writes of one programming
-   const bool failed = t.out->failed;
-   t.out->failed = 0;
-   forgetIfDone(t.eh.get(), *t.out);
-   t.eh->hwWriteCompleted(!failed);  // `t` keeps the handle alive for the call
+   out.failed |= !ok;
+   if (--out.writes != 0) return;  // one response covers all writes of one programming
+   const bool failed = out.failed;
+   out.failed = 0;
+   forgetIfDone(out);
+   eh->hwWriteCompleted(!failed);  // `eh` keeps the handle alive for the call
 }
 
 void WriteResponseSm::writeWithdrawn(Ticket ticket) {
-   Taken t = take(ticket);
-   if (!t.out) return;
-   if (ticket < t.out->newest) {
-      --t.out->superseded;
+   Ptr<SwTableBase::EntryHandle> eh = take(ticket);
+   if (!eh) return;
+   Progress& out = progress(eh.get());
+   if (superseded(ticket, out)) {
+      --out.superseded;
    } else {
-      t.out->failed = 1;
-      --t.out->writes;
+      out.failed = 1;
+      --out.writes;
    }
-   forgetIfDone(t.eh.get(), *t.out);
-}  // `t` goes last: it may hold the last count of the handle
+   forgetIfDone(out);
+}  // `eh` goes last: it may hold the last count of the handle
 
 void WriteResponseSm::programmingAbandoned(const SwTableBase::EntryHandle* eh) {
-   auto it = perHandle_.find(eh);
-   if (it == perHandle_.end()) return;
-   Outstanding& out = it->second;
-   out.newest = nextTicket_;  // every ticket issued so far now belongs to an older programming
+   Progress& out = progress(const_cast<SwTableBase::EntryHandle*>(eh));
+   if (out.writes == 0 && out.superseded == 0) return;
+   out.newest = static_cast<std::uint32_t>(
+       nextTicket_);  // every ticket issued so far now belongs to an older programming
    out.superseded += out.writes;
    out.writes = 0;
    out.failed = 0;
-   forgetIfDone(eh, out);
+   forgetIfDone(out);
 }
 
 }  // namespace Asic

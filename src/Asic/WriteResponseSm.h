@@ -7,8 +7,7 @@
 // superseded are absorbed: the chip holds the newer value, whatever became of the older.
 
 #include <cstdint>
-
-#include <absl/container/flat_hash_map.h>
+#include <deque>
 
 #include "Asic/RefCounted.h"
 #include "Asic/SwTableBase.h"
@@ -49,34 +48,36 @@ class WriteResponseSm : public RefCounted {
    // the failure itself.
    void programmingAbandoned(const SwTableBase::EntryHandle* eh);
 
-   std::size_t outstandingWrites() const noexcept { return tickets_.size(); }
+   std::size_t outstandingWrites() const noexcept { return outstanding_; }
    std::size_t outstandingWrites(const SwTableBase::EntryHandle* eh) const;
    const void* swTable() const noexcept { return swTable_; }
 
  private:
-   // Tickets only grow, so a ticket belongs to the handle's newest programming exactly when
-   // it is not older than that programming's first one.
-   struct Outstanding {
-      Ticket newest = 0;                  // first ticket of the newest programming
-      std::uint32_t writes = 0;           // of the newest programming
-      std::uint32_t superseded : 31 = 0;  // of older programmings, absorbed when they complete
-      std::uint32_t failed : 1 = 0;       // some write of the newest programming failed
-   };
-   // The ticket taken out: its handle, and the handle's record (null when none is left).
-   struct Taken {
-      Ptr<SwTableBase::EntryHandle> eh;
-      Outstanding* out = nullptr;
-   };
-   Taken take(Ticket ticket);
-   // Drops the handle's record once nothing of it is outstanding.
-   void forgetIfDone(const SwTableBase::EntryHandle* eh, const Outstanding& out);
+   using Progress = SwTableBase::EntryHandle::WriteProgress;
+   // The ticket taken out: its handle (null when the ticket is not outstanding).
+   Ptr<SwTableBase::EntryHandle> take(Ticket ticket);
+   static Progress& progress(SwTableBase::EntryHandle* eh) noexcept { return eh->writeProgress_; }
+   // A handle with nothing outstanding starts its next programming afresh.
+   static void forgetIfDone(Progress& out) noexcept {
+      if (out.writes == 0 && out.superseded == 0) out = Progress{};
+   }
+   // The ticket was issued before the programming that `out` calls the newest.
+   static bool superseded(Ticket ticket, const Progress& out) noexcept {
+      return static_cast<std::int32_t>(static_cast<std::uint32_t>(ticket) - out.newest) < 0;
+   }
 
    const void* swTable_;  // not owned
    SwTableBase::EntryHandle* context_ = nullptr;
    bool contextStarted_ = false;  // the open context has issued a write (a programming began)
    Ticket nextTicket_ = 1;
-   absl::flat_hash_map<Ticket, Ptr<SwTableBase::EntryHandle>> tickets_;
-   absl::flat_hash_map<const SwTableBase::EntryHandle*, Outstanding> perHandle_;
+   // Outstanding tickets from `firstTicket_` on, by ticket: responses come mostly in the
+   // order of their writes, so a ring without hashing; a slot whose response came is null
+   // until the slots before it are done too.
+   std::deque<Ptr<SwTableBase::EntryHandle>> tickets_;
+   Ticket firstTicket_ = 1;
+   std::size_t outstanding_ = 0;
+   std::size_t peak_ = 0;  // longest the ring has been since it was last let go of
+   static constexpr std::size_t kRingKept = 4096;
 };
 
 }  // namespace Asic

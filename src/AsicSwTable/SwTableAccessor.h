@@ -88,13 +88,13 @@ class SwTableEntryHandleT : public SwTable::EntryHandle {
 
    // Superseded values whose programming is still open, oldest first.
    void pendingEntryEnq(const Entry& entry) {
-      if (!pending_) pending_ = std::make_unique<std::deque<Entry>>();
+      if (!pending_) pending_ = std::make_unique<std::vector<Entry>>();
       pending_->push_back(entry);
       publish("pendingEntry");
    }
    void pendingEntryDeq() {
       if (!pending_ || pending_->empty()) return;
-      pending_->pop_front();
+      pending_->erase(pending_->begin());  // the queue is one or two values deep
       ++pendingFirstSeq_;
       publish("pendingEntry");
    }
@@ -132,11 +132,12 @@ class SwTableEntryHandleT : public SwTable::EntryHandle {
       return (*pending_)[i];
    }
 
+   // Small members first: they fill the base's tail padding.
    Key key_;
-   Table* swTable_ = nullptr;
-   std::unique_ptr<std::deque<Entry>> pending_;  // allocated on first use: usually empty
    std::uint32_t pendingFirstSeq_ = 0;
    [[no_unique_address]] PolicyState state_;
+   Table* swTable_ = nullptr;
+   std::unique_ptr<std::vector<Entry>> pending_;  // allocated on first use: usually empty
 };
 
 // Per-table unresolved entry: the committed value and the handles it waits for.
@@ -306,11 +307,16 @@ class SwTable::Accessor {
 
    // The key's value: the resolved one if present, else the one waiting for resolution.
    std::optional<Entry> entryIfExists(const Key& key) const {
-      if (const auto* resolved = swTable_->resolvedEntry(key); resolved && resolved->has_value()) {
-         return **resolved;
-      }
-      if (const auto* ue = swTable_->unresolvedEntry(key)) return ue->entry();
+      if (const Entry* value = entryIfPresent(key)) return *value;
       return std::nullopt;
+   }
+   // The same without a copy; valid until the table changes.
+   const Entry* entryIfPresent(const Key& key) const {
+      if (const auto* resolved = swTable_->resolvedEntry(key); resolved && resolved->has_value()) {
+         return &**resolved;
+      }
+      if (const auto* ue = swTable_->unresolvedEntry(key)) return &ue->entry();
+      return nullptr;
    }
    Entry entry(const Key& key) const {
       auto value = entryIfExists(key);
@@ -319,7 +325,7 @@ class SwTable::Accessor {
       }
       return *value;
    }
-   bool entryHas(const Key& key) const { return entryIfExists(key).has_value(); }
+   bool entryHas(const Key& key) const { return entryIfPresent(key) != nullptr; }
    const EntryHandle* entryWeakRef(const Key& key) const { return swTable_->entryHandle(key); }
    bool entryInHwTable(const Key& key) const {
       const auto* resolved = swTable_->resolvedEntry(key);
@@ -341,10 +347,7 @@ class SwTable::Accessor {
             ue->neededEntryHandleSmIs(Ptr<const SwTableBase::EntryHandle>(needed));
          });
       }
-      // A new value makes earlier suggestions for the key meaningless.
-      if (const EntryHandle* eh = swTable_->entryHandle(ue->key())) {
-         if (auto* helper = swTable_->indexHelper(eh)) helper->indexDelAll();
-      }
+      forgetSuggestions(ue->key());
       // A needed entry that has failed already will not tell again: report it now. The value
       // still resolves if that entry is programmed later.
       if (ue->neededEntryHandleFailed()) {
@@ -359,18 +362,48 @@ class SwTable::Accessor {
                        "function should not have been called");
       RefCounted::Pin pin(ue);
       const Key key = ue->key();
+      resolve(key, ue->entry(), true);
+   }
+
+   // Every entry the value needs is usable already: the value resolves at once, and the
+   // unresolved record it would have had for no time at all is never made.
+   bool neededEntriesReady(const Entry& entry) const {
+      bool ready = true;
+      if constexpr (Trait::hasDependentFields<T>) {
+         T::forEachNeededEntryHandle(entry, [&ready](const SwTableBase::EntryHandle* needed) {
+            ready = ready && (!needed || SwTableBase::EntryHandle::isReady(needed->entryState()));
+         });
+      }
+      return ready;
+   }
+   void resolveAtOnce(const Key& key, const Entry& entry) {
+      SWT_TRACE(6, "initUnresolvedEntry", ": key:{}", key);
+      forgetSuggestions(key);
+      resolve(key, entry, false);
+   }
+
+   // A new value makes earlier suggestions for the key meaningless.
+   void forgetSuggestions(const Key& key) {
+      if (const EntryHandle* eh = swTable_->entryHandle(key)) {
+         if (auto* helper = swTable_->indexHelper(eh)) helper->indexDelAll();
+      }
+   }
+
+   // The value's needed entries are all usable: its dependent fields are filled in and it
+   // becomes the key's resolved value (programmed if it changed).
+   void resolve(const Key& key, const Entry& entry, bool hasUnresolved) {
       EntryHandle* eh = swTable_->entryHandle(key);
       // Every needed entry is usable now: a failure reported earlier is over.
       if (eh && eh->entryState() == State::failedNeededEntry) eh->entryStateIs(State::unresolved);
       if (const auto* resolved = swTable_->resolvedEntry(key); resolved && resolved->has_value()) {
          if (eh) eh->pendingEntryEnq(**resolved);
       }
-      Entry value = ue->entry();
+      Entry value = entry;
       if constexpr (Trait::hasDependentFields<T>) T::resolveDependentFields(value);
       if constexpr (Trait::hasResolvedEntryMetaData<T>) swTable_->setResolvedEntryMetaData(value);
       SWT_TRACE(6, "doResolve", ": key:{}", key);
       bool changed = setResolvedEntry(key, std::move(value));
-      swTable_->unresolvedEntryDel(key);
+      if (hasUnresolved) swTable_->unresolvedEntryDel(key);
       // An equal value programs nothing; tell the client where its key already stands
       // rather than leaving it at the `unresolved` of its commit.
       eh = swTable_->entryHandle(key);
@@ -569,14 +602,16 @@ class SwTable::Accessor {
       if constexpr (HasWriteResponseFn<Entry>) {
          // A failed needed entry is the outcome of the value waiting for it, not of the value
          // that may still be programmed.
-         std::optional<Entry> owner;
+         const Entry* value = nullptr;
          if (eh->entryState() == State::failedNeededEntry) {
-            if (const auto* ue = swTable_->unresolvedEntry(key)) owner = ue->entry();
+            if (const auto* ue = swTable_->unresolvedEntry(key)) value = &ue->entry();
          }
-         const Entry value = owner ? *owner : entryIfExists(key).value_or(Entry{});
-         if (value.writeResponseFn && tableFn) raise_callback_exception();
-         if (value.writeResponseFn) {
-            value.writeResponseFn(eh->entryState());
+         if (!value) value = entryIfPresent(key);
+         if (value && value->writeResponseFn) {
+            if (tableFn) raise_callback_exception();
+            // A copy: the callback may change the table, and the value with it.
+            const WriteResponseFn fn = value->writeResponseFn;
+            fn(eh->entryState());
             return;
          }
       }
@@ -1072,6 +1107,10 @@ class SwTable::Accessor {
       Ptr<EntryHandle> eh = swTable_->entryHandleIs(key, swTable_);
       type(eh.get());
       eh->entryStateIs(State::unresolved);
+      if (neededEntriesReady(entry)) {
+         resolveAtOnce(key, entry);
+         return eh;
+      }
       Ptr<UnresolvedEntry> ue = swTable_->unresolvedEntryIs(key);
       initUnresolvedEntry(ue.get(), entry);
       return eh;

@@ -58,19 +58,27 @@ void SimHwTable::completionPost(Asic::WriteResponseSm::Ticket ticket, bool ok) {
       delay = holdTurns_;
    }
    if (faults_) delay += faults_->completionDelay();
-   completionPost(Asic::Ptr<SimHwTable>(this), Completion{writeResponseSm(), ticket, ok}, delay);
+   completionQueue(Completion{writeResponseSm(), ticket, ok, delay});
 }
 
-void SimHwTable::completionPost(Asic::Ptr<SimHwTable> self, Completion completion,
-                                std::uint32_t turnsLeft) {
-   Asic::EventLoop& loop = self->loop_;
-   loop.post([self = std::move(self), completion, turnsLeft]() mutable {
-      if (turnsLeft > 0) {
-         completionPost(std::move(self), completion, turnsLeft - 1);  // one more turn
-      } else {
-         self->completionDeliver(completion);
-      }
-   });
+// The loop task carries only the table (small enough for the task's inline storage, so a
+// write allocates nothing for its response); the completion waits in the table's own queue.
+// Tasks of one table run in the order they were posted and each takes the queue's front,
+// so each task meets the completion it was posted for.
+void SimHwTable::completionQueue(const Completion& completion) {
+   completions_.push_back(completion);
+   loop_.post([self = Asic::Ptr<SimHwTable>(this)] { self->completionTurn(); });
+}
+
+void SimHwTable::completionTurn() {
+   Completion completion = completions_.front();
+   completions_.pop_front();
+   if (completion.turnsLeft > 0) {
+      --completion.turnsLeft;
+      completionQueue(completion);  // one more turn
+   } else {
+      completionDeliver(completion);
+   }
 }
 
 void SimHwTable::completionDeliver(const Completion& completion) {

@@ -14,6 +14,7 @@
 // writes that fail (the memory keeps its old contents; the completion reports failure).
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <span>
 
@@ -71,10 +72,11 @@ class SimHwTable : public Asic::HwTable {
       const Asic::WriteResponseSm* issuedTo;  // compared, never dereferenced
       Asic::WriteResponseSm::Ticket ticket;
       bool ok;
+      std::uint32_t turnsLeft;  // loop turns still to wait
    };
    void completionPost(Asic::WriteResponseSm::Ticket ticket, bool ok);
-   static void completionPost(Asic::Ptr<SimHwTable> self, Completion completion,
-                              std::uint32_t turnsLeft);
+   void completionQueue(const Completion& completion);
+   void completionTurn();
    void completionDeliver(const Completion& completion);
 
    Asic::EventLoop& loop_;  // not owned
@@ -84,6 +86,7 @@ class SimHwTable : public Asic::HwTable {
    std::uint32_t holdTurns_ = 0;
    std::uint32_t failingWrites_ = 0;
    Asic::Ptr<Faults> faults_;
+   std::deque<Completion> completions_;  // posted, in the order of their loop tasks
 };
 
 }  // namespace ChipSim
