@@ -17,6 +17,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// An address inside this library, for dladdr to name the file it was loaded from (internal
+// linkage: an inline variable of the header might resolve to another object's copy).
+const char kLibraryAnchor = 0;
+
 std::string demangled(const std::type_info& type) {
    int status = 0;
    std::unique_ptr<char, void (*)(void*)> name(
@@ -81,7 +85,10 @@ Singleton& Singleton::instance() {
 std::vector<std::string> Singleton::searchPath() {
    std::vector<std::string> dirs;
    const char* value = std::getenv(kPathVariable);
-   if (!value) return dirs;
+   if (!value) {
+      if (std::string dir = defaultPluginDir(); !dir.empty()) dirs.push_back(std::move(dir));
+      return dirs;
+   }
    std::string_view rest(value);
    while (!rest.empty()) {
       const auto colon = rest.find(':');
@@ -90,6 +97,20 @@ std::vector<std::string> Singleton::searchPath() {
       rest = colon == std::string_view::npos ? std::string_view() : rest.substr(colon + 1);
    }
    return dirs;
+}
+
+std::string Singleton::defaultPluginDir() {
+   Dl_info info{};
+   if (!dladdr(&kLibraryAnchor, &info) || !info.dli_fname) return {};
+   std::error_code ec;
+   const fs::path library = fs::absolute(info.dli_fname, ec);
+   return ec ? std::string() : pluginDirBeside(library.parent_path().string());
+}
+
+std::string Singleton::pluginDirBeside(const std::string& libraryDir) {
+   std::error_code ec;
+   if (fs::equivalent(libraryDir, VELMAR_BUILD_LIB_DIR, ec)) return VELMAR_BUILD_PLUGIN_DIR;
+   return (fs::path(libraryDir) / VELMAR_INSTALLED_PLUGIN_DIR).lexically_normal().string();
 }
 
 std::size_t Singleton::load(const std::string& prefix, const std::string& suffix,

@@ -7,8 +7,10 @@
 //
 // Plug-in convention:
 // - The search path is the environment variable VELMAR_PLUGIN_PATH, directories separated by
-//   ':', read at every load(). Unset, empty, or naming directories that do not exist means
-//   no plug-ins; that is not an error.
+//   ':', read at every load(). Unset, it is the default plug-in folder: the one of the build
+//   tree or installation this library belongs to (defaultPluginDir()), so that installed
+//   programs need no environment. Empty, or naming directories that do not exist, means no
+//   plug-ins; that is not an error.
 // - The plug-ins of a prefix are the files `<dir>/<prefix>/*.so` of every directory of the
 //   path: directories in path order, files in name order. File names are free; by habit
 //   they name the type supplied (plugins/AsicFeature/VelmarMcast_IngIpmcRemapTable.so).
@@ -119,8 +121,15 @@ class Singleton {
    // Files opened successfully, in opening order.
    std::vector<std::string> plugins() const;
 
-   // VELMAR_PLUGIN_PATH's directories, empty entries dropped.
+   // VELMAR_PLUGIN_PATH's directories, empty entries dropped; defaultPluginDir() when the
+   // variable is unset.
    static std::vector<std::string> searchPath();
+   // pluginDirBeside() the folder this library was loaded from; empty when that is unknown.
+   static std::string defaultPluginDir();
+   // The plug-in folder that goes with a library folder: the build tree's plug-in folder for
+   // the build tree's library folder, otherwise the installed one, relative to the library
+   // folder (<prefix>/lib/velmar_mcast/plugins for <prefix>/lib).
+   static std::string pluginDirBeside(const std::string& libraryDir);
 
  private:
    struct PluginFile {

@@ -23,16 +23,6 @@ namespace {
 
 constexpr int kOk = 0, kFinding = 1, kBadInput = 2, kFailed = 3;
 
-// Plug-ins sit in <build>/plugins, the binary in <build>/src/McastAgent.
-void defaultPluginPath() {
-   if (std::getenv("VELMAR_PLUGIN_PATH")) return;
-   std::error_code ec;
-   auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-   if (ec) return;
-   auto dir = exe.parent_path().parent_path().parent_path() / "plugins";
-   setenv("VELMAR_PLUGIN_PATH", dir.c_str(), 0);
-}
-
 // A command's bad input: reported on stderr, exit 2.
 struct BadInput : std::runtime_error {
    using std::runtime_error::runtime_error;
@@ -161,7 +151,8 @@ int verifyCommand(const std::string& configFile, const std::string& dir, bool js
 }  // namespace
 
 int main(int argc, char** argv) {
-   defaultPluginPath();
+   // The plug-ins: VELMAR_PLUGIN_PATH, or when unset the build tree's or installation's own
+   // plug-in folder, which the plug-in loader finds by itself.
    CLI::App app{
        "Reference multicast agent: programs a multicast configuration onto the "
        "simulated chip through the replication tables, and reads the chip back"};

@@ -103,12 +103,10 @@ TEST_F(LoaderTest, PluginIsOpenedOnce) {
    EXPECT_EQ(dynamic_cast<AncillaryTest::PluginUtil&>(*again.utils[0]).initCalls(), initCalls);
 }
 
-// Verify that an unset or empty search path, a missing directory, and a directory with no
-// plug-ins all mean no plug-ins, not an error.
+// Verify that an empty search path, a missing directory, and a directory with no plug-ins
+// all mean no plug-ins, not an error.
 TEST_F(LoaderTest, NoPluginsIsNotAnError) {
    fs::create_directories(tmp() / AncillaryTest::kPrefix);
-   unsetenv(kPathVariable);
-   EXPECT_EQ(loader_.load(AncillaryTest::kPrefix, AncillaryTest::kUtilSuffix, rec_), 0u);
    for (const std::string& path :
         {std::string(), std::string("::"), (tmp() / "missing").string(), tmp().string()}) {
       pathIs(path);
@@ -123,8 +121,34 @@ TEST_F(LoaderTest, NoPluginsIsNotAnError) {
 TEST_F(LoaderTest, SearchPathSplitsOnColons) {
    pathIs("/a::/b:");
    EXPECT_THAT(Singleton::searchPath(), ElementsAre("/a", "/b"));
+   pathIs("");
+   EXPECT_TRUE(Singleton::searchPath().empty()) << "an empty path is no plug-ins, not the default";
+}
+
+// Verify that with the variable unset the loader searches the plug-in folder that goes with
+// its own library: in the build tree, the build's plug-ins, found and opened with no
+// environment at all.
+TEST_F(LoaderTest, UnsetPathMeansThePluginFolderOfThisLibrary) {
    unsetenv(kPathVariable);
-   EXPECT_TRUE(Singleton::searchPath().empty());
+   ASSERT_THAT(Singleton::searchPath(), ElementsAre(Singleton::defaultPluginDir()));
+   EXPECT_TRUE(fs::equivalent(Singleton::defaultPluginDir(), kPluginDir))
+       << Singleton::defaultPluginDir() << " is not the build's plug-in folder " << kPluginDir;
+   EXPECT_EQ(loader_.load(AncillaryTest::kPrefix, AncillaryTest::kUtilSuffix, rec_), 1u);
+   EXPECT_THAT(rec_.names(), ElementsAre("plugin util"));
+}
+
+// Verify that a library folder other than the build tree's (an installation, wherever its
+// prefix was moved) has its plug-ins in its own velmar_mcast/plugins folder, and that the
+// build tree's folder is recognised however it is spelled.
+TEST_F(LoaderTest, InstalledPluginFolderIsBesideTheLibrary) {
+   EXPECT_EQ(Singleton::pluginDirBeside("/opt/velmar/lib"), "/opt/velmar/lib/velmar_mcast/plugins");
+   EXPECT_EQ(Singleton::pluginDirBeside("/usr/lib/x86_64-linux-gnu/"),
+             "/usr/lib/x86_64-linux-gnu/velmar_mcast/plugins");
+   const fs::path buildLib = fs::path(kPluginDir).parent_path() / "lib";
+   for (const fs::path& spelling : {buildLib, buildLib / ".", buildLib / ".." / "lib"}) {
+      EXPECT_TRUE(fs::equivalent(Singleton::pluginDirBeside(spelling.string()), kPluginDir))
+          << spelling;
+   }
 }
 
 // Verify that a shared object without the init symbol is refused with its file and the
