@@ -785,9 +785,12 @@ class SwTable::Accessor {
       Policy::synced(*this, *util);
    }
 
-   Status reconcileSyncedEntry(const Key& key) {
+   // `held`, when given, receives the index the key already held, if it held one: the
+   // caller needs it next and need not look it up again.
+   Status reconcileSyncedEntry(const Key& key, std::optional<Index>* held = nullptr) {
       if (swTable_->syncedEntries().empty()) return Status::nothingToReconcile;
       auto index = Policy::heldIndex(*this, key);
+      if (held && index && !isExhausted(*index)) *held = index;
       if (!index || isExhausted(*index)) {
          return isExhausted(reconcileUsingIndexHelper(key, true)) ? Status::notReconciled
                                                                   : Status::reconciled;
@@ -1118,10 +1121,21 @@ class SwTable::Accessor {
 
    // Restart: the replayed key is matched against what the hardware holds.
    void handleReconciliation(const Key& key) {
-      const Status status = reconcileSyncedEntry(key);
+      std::optional<Index> held;
+      const Status status = reconcileSyncedEntry(key, &held);
       SWT_TRACE(8, "handleEntry", ": reconcileStatus: {}, configReplayComplete:{}",
                 static_cast<int>(status), swTable_->configReplayComplete());
-      const auto hwIndex = doRetrieveHwIndex(key);
+      // The allocator's record of the key, looked up once (a replay reconciles every key).
+      std::optional<Index> allocated;
+      if constexpr (Policy::usesAllocator) {
+         allocated = held;
+         if (!allocated) {
+            if (auto* alloc = swTable_->indexAllocator()) {
+               allocated = alloc->indexForKey(keyType(), &key);
+            }
+         }
+      }
+      const auto hwIndex = allocated ? allocated : doRetrieveHwIndex(key);
       EntryHandle* eh = swTable_->entryHandle(key);
       std::optional<RefCounted::Pin> pin;
       if (eh) pin.emplace(eh);
@@ -1129,8 +1143,8 @@ class SwTable::Accessor {
          // This table now uses the index as a cold start's allocation would have recorded,
          // so that a neighbour letting go of the key cannot free it under the entry.
          if constexpr (Policy::usesAllocator) {
-            if (hwIndex && allocator()->indexForKey(keyType(), &key) == hwIndex) {
-               allocator()->requestIndexForKey(*hwIndex, keyType(), &key, allocatorUser());
+            if (allocated) {
+               allocator()->requestIndexForKey(*allocated, keyType(), &key, allocatorUser());
             }
          }
          if (eh) {
