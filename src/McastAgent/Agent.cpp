@@ -795,7 +795,7 @@ class Run {
          return std::any_of(keyTypes.begin(), keyTypes.end(),
                             [&](const auto* t) { return !a.keyForIndex(i, *t).empty(); });
       };
-      const char* unowned = "the chip holds an entry no key owns (the purge would remove it)";
+      const char* unowned = "no key owns this entry (the purge would remove it)";
       const Asic::GenericIndexAllocator& lists = *lists_->indexAllocator();
       for (Asic::Index i = 0; i < lists.numEntries(); ++i) {
          const bool inList = valid(*chip_.list, i), inL2 = valid(*chip_.l2SubPort, i);
