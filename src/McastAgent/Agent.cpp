@@ -679,6 +679,9 @@ class Run {
          }
          return "the chip had no replication group entry to offer a block";
       }
+      if (table == "remap" && g && !g->recovered) {
+         return "new group: the chip had no lookup entry for it";
+      }
       if (table == "list" && g) {
          if (g->headSuggested) {
             const auto head = decodedAt(before, "head", *g->headSuggested + owner->offset);
@@ -774,6 +777,23 @@ class Run {
                                        : "cold start: the chip held nothing";
                break;
          }
+         report_.outcomes.push_back(std::move(o));
+      }
+      // Keys that resolved only once the replay was over (waiting for entries programmed at
+      // init complete) never met reconciliation, and are not counted: new all the same.
+      std::set<std::pair<std::string, Asic::Index>> seen;
+      for (const KeyOutcome& o : report_.outcomes) {
+         if (o.kind != Kind::stale) seen.insert({o.table, o.index});
+      }
+      for (const auto& [where, owners] : byIndex) {
+         if (seen.contains(where) || Asic::isExhausted(where.second)) continue;
+         KeyOutcome o;
+         o.table = where.first;
+         o.kind = Kind::added;
+         o.status = static_cast<int>(Status::notReconciled);
+         o.index = where.second;
+         for (const Owner& w : owners) o.key += (o.key.empty() ? "" : ", ") + w.name;
+         o.reason = addedReason(o.table, o.index, &owners.front());
          report_.outcomes.push_back(std::move(o));
       }
    }
