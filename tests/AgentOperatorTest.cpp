@@ -155,8 +155,8 @@ TEST_P(DryRunTest, PredictsTheRealRunAndWritesNothing) {
    for (const char* table : {"list", "l2subport", "head", "remap", "portagg"}) {
       SCOPED_TRACE(table);
       const Json& c = real["tables"][table];
-      const auto& o = outcomes.count(table) ? outcomes.at(table)
-                                            : std::map<std::string, std::size_t>{};
+      const auto& o =
+          outcomes.count(table) ? outcomes.at(table) : std::map<std::string, std::size_t>{};
       auto n = [&](const char* kind) { return o.count(kind) ? o.at(kind) : 0u; };
       if (real["start"] == "cold") {
          // Every key is new; a remap or register key is one entry.
@@ -182,11 +182,10 @@ TEST_P(DryRunTest, PredictsTheRealRunAndWritesNothing) {
    for (const Json& g : config["groups"]) replicating += g.contains("replication") ? 1 : 0;
    auto keys = [&](const char* table) {
       return outcomes.count(table) == 0 ? 0u
-                                        : outcomes.at(table).count("kept") == 0
-                                              ? 0u
-                                              : outcomes.at(table).at("kept") +
-                                                    outcomes.at(table).at("rewritten") +
-                                                    outcomes.at(table).at("new");
+             : outcomes.at(table).count("kept") == 0
+                 ? 0u
+                 : outcomes.at(table).at("kept") + outcomes.at(table).at("rewritten") +
+                       outcomes.at(table).at("new");
    };
    EXPECT_EQ(keys("remap"), config["groups"].size());
    EXPECT_EQ(keys("head"), replicating);
@@ -212,8 +211,8 @@ INSTANTIATE_TEST_SUITE_P(
 // keep, rewrite (and which fields), add (and why) and purge (decoded).
 TEST_F(AgentOperatorTest, DryRunTextNamesEachKeysOutcome) {
    run(kExamples / "groups.json", false);
-   const Result r = agent({"run", "--config", kExamples / "groups-changed.json", "--chip", chip_,
-                           "--dry-run"});
+   const Result r =
+       agent({"run", "--config", kExamples / "groups-changed.json", "--chip", chip_, "--dry-run"});
    ASSERT_EQ(r.code, 0) << r;
    EXPECT_THAT(r.out, HasSubstr("dry run (nothing written): warm start")) << r;
    EXPECT_THAT(r.out, HasSubstr("kept      video-1 at")) << r;
@@ -221,7 +220,8 @@ TEST_F(AgentOperatorTest, DryRunTextNamesEachKeysOutcome) {
    EXPECT_THAT(r.out, HasSubstr("strengthProfile: 12 -> 13")) << r;
    EXPECT_THAT(r.out, HasSubstr("members: [10,11,12,13] -> [10,11,12]")) << r;
    EXPECT_THAT(r.out, ::testing::ContainsRegex("new +news at [0-9]+: new group")) << r;
-   EXPECT_THAT(r.out, ::testing::ContainsRegex("new +video-1/100G at [0-9]+: .*replication changed"))
+   EXPECT_THAT(r.out,
+               ::testing::ContainsRegex("new +video-1/100G at [0-9]+: .*replication changed"))
        << r;
    // telemetry is gone: its remap entry and its list are purged, shown as they were.
    EXPECT_THAT(r.out, ::testing::ContainsRegex("stale +at [0-9]+\n +\\[[0-9]+\\] "
@@ -293,8 +293,8 @@ TEST_F(AgentOperatorTest, EveryCommandHelpHasAnExample) {
       SCOPED_TRACE(command);
       const Result r = agent({command, "--help"});
       EXPECT_EQ(r.code, 0) << r;
-      EXPECT_THAT(r.out, ::testing::ContainsRegex("Examples?:\n  mcast_agent " +
-                                                  std::string(command)))
+      EXPECT_THAT(r.out,
+                  ::testing::ContainsRegex("Examples?:\n  mcast_agent " + std::string(command)))
           << r;
    }
    const Result r = agent({"--help"});

@@ -261,8 +261,8 @@ int MappedMemory::create(const fs::path& path, const Expected& expected) {
    return fd.release();
 }
 
-MappedMemory::Opened MappedMemory::validate(int fd, const fs::path& path,
-                                            const Expected* expected, Sharing sharing) {
+MappedMemory::Opened MappedMemory::validate(int fd, const fs::path& path, const Expected* expected,
+                                            Sharing sharing) {
    struct stat st {};
    if (::fstat(fd, &st) != 0) failed(path, "cannot stat", errno);
    if (!S_ISREG(st.st_mode)) refuse(path, "not a regular file");

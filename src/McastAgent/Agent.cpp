@@ -122,11 +122,11 @@ struct GroupState {
    const Group* config = nullptr;
    VelmarL3Common::L3IpmcKey key;
    Asic::Index ipmcIndex = Asic::invalidIndex;
-   bool recovered = false;        // the chip had this group at ipmcIndex
+   bool recovered = false;                    // the chip had this group at ipmcIndex
    std::optional<Asic::Index> oldHeadBase;    // its head block on the chip before the run
    std::optional<Asic::Index> headSuggested;  // the block offered to its head block
-   std::vector<HandlePtr> lists;  // per replication list, in config order
-   HandlePtr head;                // its head block, when it has replication
+   std::vector<HandlePtr> lists;              // per replication list, in config order
+   HandlePtr head;                            // its head block, when it has replication
    std::uint32_t blockSize = 0;
    Asic::Ptr<VelmarMcast::VelmarMcastTestEntryHandle> replication;  // the remap target
    HandlePtr remap;
@@ -574,7 +574,8 @@ class Run {
       std::map<std::pair<std::string, Asic::Index>, std::vector<Owner>> out;
       for (const GroupState& g : groups_) {
          out[{"remap", g.ipmcIndex}].push_back({g.config->name, &g, 0, std::nullopt});
-         if (g.head) out[{"head", g.head->hwIndex()}].push_back({g.config->name, &g, 0, std::nullopt});
+         if (g.head)
+            out[{"head", g.head->hwIndex()}].push_back({g.config->name, &g, 0, std::nullopt});
          for (std::size_t o = 0; o < g.lists.size(); ++o) {
             out[{"list", g.lists[o]->hwIndex()}].push_back(
                 {fmt::format("{}/{}", g.config->name, speedName(g.config->replication[o].speed)),
@@ -586,7 +587,8 @@ class Run {
              {fmt::format("/l2SubPorts/{}", i), nullptr, 0, i});
       }
       for (const auto& [index, eh] : portAgg_) {
-         out[{"portagg", index}].push_back({fmt::format("portAggregation {}", index), nullptr, 0, std::nullopt});
+         out[{"portagg", index}].push_back(
+             {fmt::format("portAggregation {}", index), nullptr, 0, std::nullopt});
       }
       return out;
    }
@@ -656,8 +658,7 @@ class Run {
       return out;
    }
 
-   std::string addedReason(const std::string& table, Asic::Index index,
-                           const Owner* owner) const {
+   std::string addedReason(const std::string& table, Asic::Index index, const Owner* owner) const {
       ChipMemories& before = *options_.before;
       if (memoryOf(before, table).memory().validEntries() == 0) {
          return "the chip held no entry of this table";
@@ -756,8 +757,8 @@ class Run {
                // A head purge takes each run of adjacent stale entries at once.
                std::vector<Asic::Index> indices;
                if (o.table == "head") {
-                  for (Asic::Index i = e.index; decodedAt(*options_.before, "head", i) &&
-                                                !decodedAt(chip_, "head", i);
+                  for (Asic::Index i = e.index;
+                       decodedAt(*options_.before, "head", i) && !decodedAt(chip_, "head", i);
                        ++i) {
                      indices.push_back(i);
                   }
@@ -917,9 +918,8 @@ nlohmann::json RunReport::toJson() const {
       out["dryRun"] = true;
       out["outcomes"] = nlohmann::json::object();
       for (const auto& [name, c] : tables) {
-         if (std::find_if(outcomes.begin(), outcomes.end(), [&](const KeyOutcome& o) {
-                return o.table == name;
-             }) == outcomes.end()) {
+         if (std::find_if(outcomes.begin(), outcomes.end(),
+                          [&](const KeyOutcome& o) { return o.table == name; }) == outcomes.end()) {
             continue;
          }
          auto& t = out["outcomes"][name];
@@ -986,8 +986,8 @@ std::string outcomesText(const RunReport& report) {
       if (mine.empty()) continue;
       std::array<std::size_t, 4> kinds{};
       for (const KeyOutcome* o : mine) ++kinds[static_cast<std::size_t>(o->kind)];
-      out += fmt::format("{}: {} kept, {} rewritten, {} new, {} stale\n", name, kinds[0],
-                         kinds[1], kinds[2], kinds[3]);
+      out += fmt::format("{}: {} kept, {} rewritten, {} new, {} stale\n", name, kinds[0], kinds[1],
+                         kinds[2], kinds[3]);
       for (const KeyOutcome* o : mine) {
          const std::string what = o->key.empty() ? "" : o->key + " ";
          switch (o->kind) {
@@ -996,7 +996,8 @@ std::string outcomesText(const RunReport& report) {
                break;
             case KeyOutcome::Kind::rewritten:
                out += fmt::format("  rewritten {}at {}\n", what, o->index);
-               for (const std::string& d : o->differences) out += fmt::format("              {}\n", d);
+               for (const std::string& d : o->differences)
+                  out += fmt::format("              {}\n", d);
                break;
             case KeyOutcome::Kind::added:
                out += fmt::format("  new       {}at {}: {}\n", what, o->index, o->reason);

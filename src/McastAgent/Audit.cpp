@@ -241,15 +241,15 @@ class Auditor {
                return;
             }
             if (!entries.contains(e.next)) {
-               finding(hw, at,
-                       fmt::format("the list from {} runs out: next {} holds no entry", first,
-                                   e.next));
+               finding(
+                   hw, at,
+                   fmt::format("the list from {} runs out: next {} holds no entry", first, e.next));
                return;
             }
             if (seen.contains(e.next)) {
-               finding(hw, at,
-                       fmt::format("the list from {} loops: next {} is already on it", first,
-                                   e.next));
+               finding(
+                   hw, at,
+                   fmt::format("the list from {} loops: next {} is already on it", first, e.next));
                return;
             }
             if (chainOf.contains(e.next)) return;  // shared: reported above
@@ -283,7 +283,9 @@ class Auditor {
 
 }  // namespace
 
-std::string toText(const Finding& f) { return fmt::format("{}[{}]: {}", f.memory, f.index, f.problem); }
+std::string toText(const Finding& f) {
+   return fmt::format("{}[{}]: {}", f.memory, f.index, f.problem);
+}
 
 nlohmann::json toJson(const std::vector<Finding>& findings) {
    nlohmann::json list = nlohmann::json::array();

@@ -439,15 +439,15 @@ const std::vector<std::string>& showTableNames() {
 
 ChipSim::SimHwTable& memoryOf(ChipMemories& chip, const std::string& table) {
    const std::pair<const char*, ChipSim::SimHwTable*> memories[] = {
-       {"remap", chip.remap.get()},         {"head", chip.head.get()},
-       {"list", chip.list.get()},           {"l2subport", chip.l2SubPort.get()},
-       {"portagg", chip.portAgg.get()},     {"ipmc", chip.ipmc.get()},
-       {"group", chip.group.get()},         {"nexthop", chip.nextHop.get()}};
+       {"remap", chip.remap.get()},     {"head", chip.head.get()},
+       {"list", chip.list.get()},       {"l2subport", chip.l2SubPort.get()},
+       {"portagg", chip.portAgg.get()}, {"ipmc", chip.ipmc.get()},
+       {"group", chip.group.get()},     {"nexthop", chip.nextHop.get()}};
    for (const auto& [name, hw] : memories) {
       if (table == name) return *hw;
    }
-   throw std::invalid_argument(fmt::format("unknown table \"{}\" (known: {})", table,
-                                           fmt::join(showTableNames(), ", ")));
+   throw std::invalid_argument(
+       fmt::format("unknown table \"{}\" (known: {})", table, fmt::join(showTableNames(), ", ")));
 }
 
 Json decodeEntry(const std::string& table, std::span<const std::uint32_t> w) {

@@ -113,10 +113,9 @@ int auditCommand(const std::string& dir, const std::string& configFile, bool jso
    if (json) {
       print(McastAgent::toJson(findings));
    } else if (findings.empty()) {
-      std::cout << fmt::format("chip {}: healthy{}\n", dir,
-                               configFile.empty()
-                                   ? ""
-                                   : fmt::format("; allocation agrees with {}", configFile));
+      std::cout << fmt::format(
+          "chip {}: healthy{}\n", dir,
+          configFile.empty() ? "" : fmt::format("; allocation agrees with {}", configFile));
    } else {
       for (const auto& f : findings) std::cout << McastAgent::toText(f) << "\n";
       std::cout << fmt::format("chip {}: {} finding{}\n", dir, findings.size(),
@@ -272,10 +271,10 @@ int main(int argc, char** argv) {
                      "fault: each response is late by a random 0..--delay-responses turns");
    run->add_option("--seed", faults.seed, "seed of the faults (same seed, same faults)");
    bool checkEveryWrite = false;
-   auto* check = run->add_flag(
-       "--check-every-write", checkEveryWrite,
-       "walk every group after every chip write: each must replicate as before or as "
-       "configured, never a mix (exit 1 otherwise)");
+   auto* check =
+       run->add_flag("--check-every-write", checkEveryWrite,
+                     "walk every group after every chip write: each must replicate as before or as "
+                     "configured, never a mix (exit 1 otherwise)");
    for (auto* faulty : {crash, failWrites, delay, reorder, check}) dryRunFlag->excludes(faulty);
 
    auto* show = app.add_subcommand(

@@ -142,8 +142,8 @@ TEST_F(AuditTest, ProgrammedChipIsHealthyColdAndWarm) {
    });
    const auto stale = texts(auditAllocation(dir_, withoutC));
    for (const char* memory : {"L3_IPMC", "ING_IPMC_REMAP", "MMU_REPL_GROUP"}) {
-      EXPECT_THAT(stale, ::testing::Contains(::testing::StartsWith(
-                             fmt::format("{}[{}]: no", memory, cIpmc))))
+      EXPECT_THAT(stale, ::testing::Contains(
+                             ::testing::StartsWith(fmt::format("{}[{}]: no", memory, cIpmc))))
           << memory;
    }
    EXPECT_THAT(stale, ::testing::Contains(HasSubstr("MMU_REPL_HEAD_TBL[")));
@@ -178,8 +178,8 @@ const Fault kFaults[] = {
     {"overlapping head blocks",
      [](ChipMemories& chip, const Walk& w) {
         const WalkedGroup& d = groupD(w);
-        writeAs<ChipSim::ReplGroupFormat>(*chip.group, d.ipmcIndex,
-                                          ChipSim::ReplGroupFormat::HwEntry{*groupA(w).headBase, 2});
+        writeAs<ChipSim::ReplGroupFormat>(
+            *chip.group, d.ipmcIndex, ChipSim::ReplGroupFormat::HwEntry{*groupA(w).headBase, 2});
      },
      HeadFormat::kMemory, "head blocks overlap"},
     {"list chain that loops",
@@ -251,9 +251,8 @@ const Fault kFaults[] = {
      "ING_IPMC_REMAP", "which holds nothing"},
     {"group claimed twice",
      [](ChipMemories& chip, const Walk& w) {
-        writeAs<ChipSim::IpmcLookupFormat>(*chip.ipmc, 901,
-                                           readAs<ChipSim::IpmcLookupFormat>(
-                                               *chip.ipmc, groupD(w).ipmcIndex));
+        writeAs<ChipSim::IpmcLookupFormat>(
+            *chip.ipmc, 901, readAs<ChipSim::IpmcLookupFormat>(*chip.ipmc, groupD(w).ipmcIndex));
      },
      ChipSim::IpmcLookupFormat::kMemory, "claimed twice"},
     {"head entry no block covers",
