@@ -1128,7 +1128,7 @@ class SwTable::Accessor {
             ASIC_ASSERT_TEXT(false, "false", "unexpected reconciliation status");
       }
       swTable_->reconciledIndexIs(false);
-      swTable_->updateStatistic(status, Policy::first(Policy::retrieve(*this, key)), &key);
+      swTable_->updateStatistic(status, eh ? eh->hwIndex() : hwIndex.value_or(invalidIndex), &key);
    }
 
    void finishCleanup(EntryHandle* eh, const Key& key) {
