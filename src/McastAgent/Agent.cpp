@@ -917,7 +917,8 @@ nlohmann::json RunReport::toJson() const {
    if (dryRun) {
       out["dryRun"] = true;
       out["outcomes"] = nlohmann::json::object();
-      for (const auto& [name, c] : tables) {
+      for (const auto& table : tables) {
+         const std::string& name = table.first;
          if (std::find_if(outcomes.begin(), outcomes.end(),
                           [&](const KeyOutcome& o) { return o.table == name; }) == outcomes.end()) {
             continue;
