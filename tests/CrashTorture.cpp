@@ -1,7 +1,7 @@
 // Crash at any write: the agent is killed (SIGKILL, by itself, right after its N-th write or
 // delete reached the chip) at crash points spread over a whole run, then a new agent process
 // runs to the end over the same chip directory, and the packet walk must equal the
-// configuration with nothing leaked and nothing claimed twice.
+// configuration with nothing leaked and nothing claimed twice, and the audit find nothing.
 //
 // Scenarios, each over its own crash points:
 //   cold          crash in a cold start of A; then run A
@@ -89,6 +89,7 @@ class Torture {
          std::cerr << where << ": the run after the crash ended " << r.code << "\n" << r.err;
          return;
       }
+      audit(config, chip, t, where);
       auto v = agent({"verify", "--json", "--config", config, "--chip", chip});
       if (v.code == 0) return;
       if (v.code != 1) {
@@ -107,6 +108,21 @@ class Torture {
       }
       t.leaks += leak;
       t.divergences += diverged;
+   }
+
+   // The recovered chip must be consistent in itself and with the allocation of the
+   // configuration it runs: a finding counts as a leak.
+   void audit(const fs::path& config, const fs::path& chip, Tally& t,
+              const std::string& where) const {
+      auto a = agent({"audit", "--config", config, "--chip", chip});
+      if (a.code == 0) return;
+      if (a.code != 1) {
+         ++t.aborts;
+         std::cerr << where << ": audit ended " << a.code << "\n" << a.err;
+         return;
+      }
+      ++t.leaks;
+      std::cerr << where << ": audit:\n" << a.out;
    }
 
    // Crash points over 1..total: every one when they are few, else an even sample.

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include <absl/container/btree_set.h>
@@ -139,8 +140,27 @@ class SwTable : public SwTableBase {
    bool cleanupThroughDeleteDance() const noexcept { return cleanupThroughDeleteDance_; }
    void cleanupThroughDeleteDanceIs(bool v) noexcept { cleanupThroughDeleteDance_ = v; }
 
-   void updateStatistic(ReconciliationStatus status) noexcept {
+   // Hears each reconciliation outcome as it is counted: the status, the hardware index it
+   // concerns (a block's first) and the key as text (empty for a stale entry). Unset by
+   // default, when counting costs one branch more; the key is formatted only when set.
+   using ReconciliationObserver =
+       std::function<void(ReconciliationStatus, Index, std::string_view key)>;
+   void reconciliationObserverIs(ReconciliationObserver observer) {
+      reconciliationObserver_ = std::move(observer);
+   }
+
+   // `key` (when given) must be formattable; it is formatted only for an observer.
+   template <typename Key = std::nullptr_t>
+   void updateStatistic(ReconciliationStatus status, Index index = invalidIndex,
+                        const Key* key = nullptr) {
       ++stats_.counts[static_cast<std::size_t>(status)];
+      if (reconciliationObserver_) [[unlikely]] {
+         if constexpr (std::is_same_v<Key, std::nullptr_t>) {
+            reconciliationObserver_(status, index, {});
+         } else {
+            reconciliationObserver_(status, index, key ? fmt::format("{}", *key) : std::string());
+         }
+      }
    }
    const ReconciliationStats& reconciliationStats() const noexcept { return stats_; }
    void reconciliationStatsDelAll() noexcept { stats_ = {}; }
@@ -163,6 +183,7 @@ class SwTable : public SwTableBase {
    Ptr<GenericIndexAllocator> indexAllocator_;
    Ptr<WriteResponseSm> writeResponseSm_;
    ReconciliationStats stats_;
+   ReconciliationObserver reconciliationObserver_;
    std::uint32_t numEntries_ = 0;
    bool configReplayComplete_ = true;
    bool hwResponseNeeded_ = false;

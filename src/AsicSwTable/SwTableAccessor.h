@@ -870,7 +870,7 @@ class SwTable::Accessor {
       SWT_TRACE(8, "processIndexSuggestion", ": eh:{}, key:{}, hwIndex:{}", fmt::ptr(eh), key,
                 hwIndex);
       if (!reconcileUsingHwIndex(key, hwIndex, true)) return false;
-      swTable_->updateStatistic(Status::reconciled);
+      swTable_->updateStatistic(Status::reconciled, hwIndex, &key);
       SWT_TRACE(8, "processIndexSuggestion", ": Deleting syncedEntry reconciled at index:{}",
                 hwIndex);
       Policy::syncedTakenOver(*this, key, hwIndex);
@@ -920,14 +920,14 @@ class SwTable::Accessor {
                if (!isExhausted(found)) {
                   eh->hwIndexIs(found);
                   programHwEntry(key, State::indexReconciled);
-                  swTable_->updateStatistic(Status::indexReconciledContentsDiffer);
+                  swTable_->updateStatistic(Status::indexReconciledContentsDiffer, found, &key);
                   continue;
                }
             } else {
                eh->hwIndexIs(*index);
                if (swTable_->syncedEntry(*index)) {
                   programHwEntry(key, State::indexReconciled);
-                  swTable_->updateStatistic(Status::indexReconciledContentsDiffer);
+                  swTable_->updateStatistic(Status::indexReconciledContentsDiffer, *index, &key);
                   // Taken over: the purge must not delete what was just written there.
                   SWT_TRACE(8, "doInitComplete", ": Deleting syncedEntry reconciled at index:{}",
                             *index);
@@ -935,14 +935,14 @@ class SwTable::Accessor {
                } else {
                   swTable_->reconciledIndexIs(false);
                   programHwEntry(key, State::inProgress);
-                  swTable_->updateStatistic(Status::nothingToReconcile);
+                  swTable_->updateStatistic(Status::nothingToReconcile, eh->hwIndex(), &key);
                }
                continue;
             }
          }
          swTable_->reconciledIndexIs(false);
          programHwEntry(key, State::inProgress);
-         swTable_->updateStatistic(Status::nothingToReconcile);
+         swTable_->updateStatistic(Status::nothingToReconcile, eh->hwIndex(), &key);
       }
       swTable_->reconciledIndexIs(false);
    }
@@ -1181,7 +1181,7 @@ class SwTable::Accessor {
             ASIC_ASSERT_TEXT(false, "false", "unexpected reconciliation status");
       }
       swTable_->reconciledIndexIs(false);
-      swTable_->updateStatistic(status);
+      swTable_->updateStatistic(status, eh ? eh->hwIndex() : hwIndex.value_or(invalidIndex), &key);
    }
 
    void finishCleanup(EntryHandle* eh, const Key& key) {

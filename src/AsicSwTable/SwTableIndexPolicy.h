@@ -210,7 +210,7 @@ struct OneIndex : SingleIndex {
             util->hwTableEntryDel(*a.swTable_, hwIndex);
             SWT_POLICY_TRACE(a, 8, "handleStaleEntries", ": Deleting stale hwEntry at index:{}",
                              hwIndex);
-            a.swTable_->updateStatistic(Status::staleEntryDeleted);
+            a.swTable_->updateStatistic(Status::staleEntryDeleted, hwIndex);
             if (!assigned) {
                SWT_POLICY_TRACE(a, 8, "handleStaleEntries",
                                 ": Marking index available in allocator");
@@ -385,7 +385,7 @@ struct ScatteredBlock : PerEntrySync {
             util->hwTableEntryDel(table, of(hwIndex));
             SWT_POLICY_TRACE(a, 8, "handleStaleEntries",
                              ": Deleting stale hwEntry at index:{}, size:0", hwIndex);
-            table.updateStatistic(Status::staleEntryDeleted);
+            table.updateStatistic(Status::staleEntryDeleted, hwIndex);
             continue;
          }
          for (Index index : *indices) {
@@ -399,7 +399,7 @@ struct ScatteredBlock : PerEntrySync {
          SWT_POLICY_TRACE(a, 8, "handleStaleEntries",
                           ": Deleting stale hwEntry at index:{}, size:{}", hwIndex,
                           indices->size());
-         table.updateStatistic(Status::staleEntryDeleted);
+         table.updateStatistic(Status::staleEntryDeleted, hwIndex);
          SWT_POLICY_TRACE(a, 8, "handleStaleEntries", ": Marking index available in allocator");
          for (Index index : *indices) {
             if (alloc->isIndexHeld(index)) alloc->markIndexAvailable(index, A::keyType());
@@ -589,7 +589,7 @@ struct ConsecutiveRun {
                           ": Deleting stale block from syncedEntry. size={}, baseIndex:{}",
                           run.size, run.base);
          del(*util, table, run);
-         table.updateStatistic(Status::staleEntryDeleted);
+         table.updateStatistic(Status::staleEntryDeleted, run.base);
          forEach(run, [&](Index index) {
             if (alloc->isIndexHeld(index)) alloc->markIndexAvailable(index, A::keyType());
          });
@@ -665,7 +665,7 @@ struct KeyIsIndex : SingleIndex {
          util->hwTableEntryDel(table, index);
          SWT_POLICY_TRACE(a, 8, "handleStaleEntries", ": Deleting stale hwEntry for key:{}",
                           index);
-         table.updateStatistic(Status::staleEntryDeleted);
+         table.updateStatistic(Status::staleEntryDeleted, index);
       }
    }
 };

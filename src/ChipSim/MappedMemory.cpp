@@ -166,10 +166,10 @@ fs::path MappedMemory::fileFor(const fs::path& dir, const std::string& name) {
 }
 
 MappedMemory::MappedMemory(const fs::path& dir, std::string name, std::uint32_t numEntries,
-                           std::uint32_t entryWords)
+                           std::uint32_t entryWords, Sharing sharing)
     : Memory(std::move(name), numEntries, entryWords), path_(fileFor(dir, this->name())) {
    const Expected expected{this->name(), numEntries, entryWords};
-   attach(open(path_, &expected));
+   attach(open(path_, &expected, sharing));
 }
 
 MappedMemory::MappedMemory(fs::path path, Opened opened)
@@ -192,14 +192,20 @@ void MappedMemory::attach(Opened opened) noexcept {
    words_ = reinterpret_cast<std::uint32_t*>(mapping_.base() + opened.wordsOffset);
 }
 
-MappedMemory::Opened MappedMemory::open(const fs::path& path, const Expected* expected) {
+MappedMemory::Opened MappedMemory::open(const fs::path& path, const Expected* expected,
+                                        Sharing sharing) {
+   if (sharing == Sharing::copyOnWrite) {
+      Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+      if (!fd) failed(path, "cannot open", errno);
+      return validate(fd.get(), path, expected, sharing);
+   }
    Fd fd(::open(path.c_str(), O_RDWR | O_CLOEXEC));
    if (!fd && errno == ENOENT && expected) {
       fd = Fd(create(path, *expected));
       if (!fd) fd = Fd(::open(path.c_str(), O_RDWR | O_CLOEXEC));  // another process won
    }
    if (!fd) failed(path, "cannot open", errno);
-   return validate(fd.get(), path, expected);
+   return validate(fd.get(), path, expected, sharing);
 }
 
 // A cold memory is made under a temporary name and linked into place whole, so that a
@@ -255,8 +261,8 @@ int MappedMemory::create(const fs::path& path, const Expected& expected) {
    return fd.release();
 }
 
-MappedMemory::Opened MappedMemory::validate(int fd, const fs::path& path,
-                                            const Expected* expected) {
+MappedMemory::Opened MappedMemory::validate(int fd, const fs::path& path, const Expected* expected,
+                                            Sharing sharing) {
    struct stat st {};
    if (::fstat(fd, &st) != 0) failed(path, "cannot stat", errno);
    if (!S_ISREG(st.st_mode)) refuse(path, "not a regular file");
@@ -309,8 +315,8 @@ MappedMemory::Opened MappedMemory::validate(int fd, const fs::path& path,
       refuse(path, fmt::format("{} bytes, longer than the {} its header says", size, h.fileBytes));
    }
 
-   void* base =
-       ::mmap(nullptr, std::size_t(h.fileBytes), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+   const int flags = sharing == Sharing::shared ? MAP_SHARED : MAP_PRIVATE;
+   void* base = ::mmap(nullptr, std::size_t(h.fileBytes), PROT_READ | PROT_WRITE, flags, fd, 0);
    if (base == MAP_FAILED) failed(path, "cannot map", errno);
    Opened opened{Mapping(static_cast<std::byte*>(base), std::size_t(h.fileBytes)),
                  std::move(name),
@@ -390,6 +396,23 @@ Chip::MemoryFactory mappedMemories(fs::path dir) {
    return [dir = std::move(dir)](const std::string& name, std::uint32_t numEntries,
                                  std::uint32_t entryWords) -> Asic::Ptr<Memory> {
       return Asic::makePtr<MappedMemory>(dir, name, numEntries, entryWords);
+   };
+}
+
+Chip::MemoryFactory copyOnWriteMemories(fs::path dir) {
+   std::error_code ec;
+   if (fs::exists(dir, ec) && !fs::is_directory(dir, ec)) {
+      throw std::invalid_argument(
+          fmt::format("chip directory {}: exists and is not a directory", dir.string()));
+   }
+   return [dir = std::move(dir)](const std::string& name, std::uint32_t numEntries,
+                                 std::uint32_t entryWords) -> Asic::Ptr<Memory> {
+      std::error_code absent;
+      if (!fs::exists(MappedMemory::fileFor(dir, name), absent)) {
+         return Asic::makePtr<HeapMemory>(name, numEntries, entryWords);
+      }
+      return Asic::makePtr<MappedMemory>(dir, name, numEntries, entryWords,
+                                         MappedMemory::Sharing::copyOnWrite);
    };
 }
 

@@ -45,14 +45,20 @@ class MappedMemory final : public Memory {
  public:
    static constexpr std::uint32_t kFormatVersion = 1;
 
+   // shared: writes reach the file (the chip). copyOnWrite: the file is opened read-only
+   // and mapped privately, so writes stay in this process and the file keeps every byte
+   // (a dry run sees the chip as its own writes leave it; nobody else does).
+   enum class Sharing : std::uint8_t { shared, copyOnWrite };
+
    // Maps fileFor(dir, name). An absent file is created with every entry invalid (a cold
    // chip); a present one must hold this memory with this geometry. Throws
    // std::invalid_argument for a name that cannot be a file name or an empty geometry, and
    // std::runtime_error naming the file and what differs for a file it refuses (not a
    // memory file, another format version, another memory or geometry, a corrupt header,
    // truncated or too long) or cannot create or map.
+   // A copyOnWrite memory is never created: its file must exist.
    MappedMemory(const std::filesystem::path& dir, std::string name, std::uint32_t numEntries,
-                std::uint32_t entryWords);
+                std::uint32_t entryWords, Sharing sharing = Sharing::shared);
    // Maps an existing memory file with the name and geometry its header records: for
    // readers of a chip directory that do not know its tables. Refuses a file as above.
    static Asic::Ptr<MappedMemory> existing(const std::filesystem::path& file);
@@ -90,8 +96,10 @@ class MappedMemory final : public Memory {
    };
    struct Expected;  // what the caller asks the file to hold
    struct Opened;    // a validated mapping and what the file holds
-   static Opened open(const std::filesystem::path& path, const Expected* expected);
-   static Opened validate(int fd, const std::filesystem::path& path, const Expected* expected);
+   static Opened open(const std::filesystem::path& path, const Expected* expected,
+                      Sharing sharing = Sharing::shared);
+   static Opened validate(int fd, const std::filesystem::path& path, const Expected* expected,
+                          Sharing sharing);
    static int create(const std::filesystem::path& path, const Expected& expected);
 
    MappedMemory(std::filesystem::path path, Opened opened);
@@ -116,6 +124,12 @@ class MappedMemory final : public Memory {
 // that outlives the process. Throws std::invalid_argument when `dir` exists and is not a
 // directory, std::runtime_error when it cannot be created.
 Chip::MemoryFactory mappedMemories(std::filesystem::path dir);
+
+// A Chip memory factory over the files under `dir` that writes none of them: each memory
+// file present is mapped copy-on-write, each one absent (or the whole directory) is an
+// empty memory in the heap. Nothing is created. Throws like MappedMemory for a file it
+// refuses.
+Chip::MemoryFactory copyOnWriteMemories(std::filesystem::path dir);
 
 // Whether any memory file under `dir` holds a valid entry: false for a cold chip (no
 // directory, no memory files, or only empty memories). Throws like MappedMemory::existing

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <map>
@@ -121,9 +122,11 @@ struct GroupState {
    const Group* config = nullptr;
    VelmarL3Common::L3IpmcKey key;
    Asic::Index ipmcIndex = Asic::invalidIndex;
-   bool recovered = false;        // the chip had this group at ipmcIndex
-   std::vector<HandlePtr> lists;  // per replication list, in config order
-   HandlePtr head;                // its head block, when it has replication
+   bool recovered = false;                    // the chip had this group at ipmcIndex
+   std::optional<Asic::Index> oldHeadBase;    // its head block on the chip before the run
+   std::optional<Asic::Index> headSuggested;  // the block offered to its head block
+   std::vector<HandlePtr> lists;              // per replication list, in config order
+   HandlePtr head;                            // its head block, when it has replication
    std::uint32_t blockSize = 0;
    Asic::Ptr<VelmarMcast::VelmarMcastTestEntryHandle> replication;  // the remap target
    HandlePtr remap;
@@ -148,8 +151,14 @@ class Run {
       phases_.run("replay", [&] { replay(); });
       phases_.run("initComplete", [&] { initComplete(); });
       phases_.run("settle", [&] { settle(); });
+      if (options_.auditAllocation) {
+         findAllocationFaults();
+         detach();
+         return std::move(report_);
+      }
       phases_.run("neighbourPurge", [&] { purgeNeighbours(); });
       report();
+      if (options_.before) outcomes();
       detach();
       return std::move(report_);
    }
@@ -206,6 +215,23 @@ class Run {
       remaps_ = tableOver<IngIpmcRemapTable>(chip_.remap);
       register_ = tableOver<Register>(chip_.portAgg);
       for (const auto& [name, t] : chip_.chip().tables()) t->countersReset();
+      if (options_.before) {
+         report_.dryRun = true;
+         forEachNamedTable([&](Asic::SwTable& t, const char* name) {
+            t.reconciliationObserverIs([this, name](Status s, Asic::Index i, std::string_view) {
+               events_.push_back({name, s, i});
+            });
+         });
+      }
+   }
+
+   template <typename Fn>
+   void forEachNamedTable(Fn&& fn) {
+      fn(static_cast<Asic::SwTable&>(*lists_), "list");
+      fn(static_cast<Asic::SwTable&>(*l2_), "l2subport");
+      fn(static_cast<Asic::SwTable&>(*heads_), "head");
+      fn(static_cast<Asic::SwTable&>(*remaps_), "remap");
+      fn(static_cast<Asic::SwTable&>(*register_), "portagg");
    }
 
    template <typename Fn>
@@ -301,6 +327,7 @@ class Run {
          // Nothing on the chip points at an L2 sub-port list, so the agent, which uses it,
          // says where the chip holds an equal one.
          if (auto it = l2OnChip_.find({l.mode, bitmap.words()}); it != l2OnChip_.end()) {
+            l2Suggested_[l2Handles_.size() - 1] = it->second;
             Asic::SwTableBase::suggestIndicesToNeededEntryHandle(l2Handles_.back().get(),
                                                                  {it->second});
          }
@@ -324,7 +351,9 @@ class Run {
             // they changed) beside the old one, and switches over with one write of its
             // replication group entry: rewriting the old block in place would replicate to
             // a mix of old and new lists in between.
+            g.oldHeadBase = onChip->headBase;
             if (unchangedOnChip(g)) {
+               g.headSuggested = onChip->headBase;
                Asic::SwTableBase::suggestIndicesToNeededEntryHandle(g.head.get(),
                                                                     {onChip->headBase});
             }
@@ -373,6 +402,7 @@ class Run {
       // groups switch to it, before the purge takes away what they pointed at. Then whoever
       // points at an entry goes before it: remap entries, then head blocks, then the lists.
       settle();
+      if (options_.auditAllocation) return;  // the audit looks at what the purge would remove
       remaps_->purgeStaleEntries();
       heads_->purgeStaleEntries();
       lists_->purgeStaleEntries();
@@ -483,6 +513,9 @@ class Run {
    // their clean-up deletes nothing.
    void detach() {
       if (options_.checkEveryWrite) chip_.faults().observerIs({});
+      if (options_.before) {
+         forEachNamedTable([](Asic::SwTable& t, const char*) { t.reconciliationObserverIs({}); });
+      }
       lists_->detachFromChip();
       l2_->detachFromChip();
       heads_->detachFromChip();
@@ -518,7 +551,329 @@ class Run {
    std::vector<GroupState> groups_;
    std::map<std::string, GroupState*> byName_;
    std::vector<HandlePtr> l2Handles_;
+   std::map<std::size_t, Asic::Index> l2Suggested_;  // by position in l2Handles_
    std::map<Asic::Index, HandlePtr> portAgg_;
+
+   // --- a dry run's detail ----------------------------------------------------------------
+   struct Event {
+      const char* table;
+      Status status;
+      Asic::Index index;
+   };
+   std::vector<Event> events_;
+
+   // Who in the configuration a key of a library table is.
+   struct Owner {
+      std::string name;
+      const GroupState* group = nullptr;
+      std::size_t offset = 0;  // its list's position in the group
+      std::optional<std::size_t> l2;
+   };
+
+   std::map<std::pair<std::string, Asic::Index>, std::vector<Owner>> owners() const {
+      std::map<std::pair<std::string, Asic::Index>, std::vector<Owner>> out;
+      for (const GroupState& g : groups_) {
+         out[{"remap", g.ipmcIndex}].push_back({g.config->name, &g, 0, std::nullopt});
+         if (g.head)
+            out[{"head", g.head->hwIndex()}].push_back({g.config->name, &g, 0, std::nullopt});
+         for (std::size_t o = 0; o < g.lists.size(); ++o) {
+            out[{"list", g.lists[o]->hwIndex()}].push_back(
+                {fmt::format("{}/{}", g.config->name, speedName(g.config->replication[o].speed)),
+                 &g, o, std::nullopt});
+         }
+      }
+      for (std::size_t i = 0; i < l2Handles_.size(); ++i) {
+         out[{"l2subport", l2Handles_[i]->hwIndex()}].push_back(
+             {fmt::format("/l2SubPorts/{}", i), nullptr, 0, i});
+      }
+      for (const auto& [index, eh] : portAgg_) {
+         out[{"portagg", index}].push_back(
+             {fmt::format("portAggregation {}", index), nullptr, 0, std::nullopt});
+      }
+      return out;
+   }
+
+   static std::optional<nlohmann::json> decodedAt(ChipMemories& chip, const std::string& table,
+                                                  Asic::Index index) {
+      ChipSim::SimHwTable& hw = memoryOf(chip, table);
+      if (index >= hw.memory().numEntries()) return std::nullopt;
+      std::vector<std::uint32_t> words(hw.memory().entryWords());
+      if (!hw.entryRead(index, words)) return std::nullopt;
+      try {
+         return decodeEntry(table, words);
+      } catch (const std::exception& e) {
+         return nlohmann::json{{"fault", e.what()}};
+      }
+   }
+
+   // The indices of the key or stale entry at `index` in `chip`: a list's chain, a head
+   // block's run, else the index alone.
+   static std::vector<Asic::Index> indicesAt(ChipMemories& chip, const std::string& table,
+                                             Asic::Index index, std::uint32_t runSize) {
+      try {
+         if (table == "list") return ChipSim::chainAt<ChipSim::ReplListFormat>(*chip.list, index);
+         if (table == "l2subport") {
+            return ChipSim::chainAt<ChipSim::L2SubPortFormat>(*chip.l2SubPort, index);
+         }
+      } catch (const std::exception&) {
+         // A chain that cannot be followed: its first entry alone.
+      }
+      std::vector<Asic::Index> out;
+      for (std::uint32_t o = 0; o < std::max(runSize, 1u); ++o) out.push_back(index + o);
+      return out;
+   }
+
+   static std::vector<std::string> fieldDifferences(const nlohmann::json& was,
+                                                    const nlohmann::json& now) {
+      std::vector<std::string> out;
+      std::set<std::string> fields;
+      for (const auto& [k, v] : was.items()) fields.insert(k);
+      for (const auto& [k, v] : now.items()) fields.insert(k);
+      for (const std::string& f : fields) {
+         const auto a = was.contains(f) ? was[f].dump() : "(none)";
+         const auto b = now.contains(f) ? now[f].dump() : "(none)";
+         if (a != b) out.push_back(fmt::format("{}: {} -> {}", f, a, b));
+      }
+      return out;
+   }
+
+   std::vector<std::string> rewrittenFields(const std::string& table, Asic::Index index,
+                                            std::uint32_t blockSize) {
+      ChipMemories& before = *options_.before;
+      const auto was = indicesAt(before, table, index, blockSize);
+      const auto now = indicesAt(chip_, table, index, blockSize);
+      std::vector<std::string> out;
+      for (std::size_t k = 0; k < std::max(was.size(), now.size()); ++k) {
+         const auto a = k < was.size() ? decodedAt(before, table, was[k]) : std::nullopt;
+         const auto b = k < now.size() ? decodedAt(chip_, table, now[k]) : std::nullopt;
+         const std::string where =
+             was.size() + now.size() > 2 ? fmt::format("entry {}: ", k) : std::string();
+         if (!a || !b) {
+            out.push_back(fmt::format("{}{} -> {}", where, a ? a->dump() : "(none)",
+                                      b ? b->dump() : "(none)"));
+            continue;
+         }
+         for (const std::string& d : fieldDifferences(*a, *b)) out.push_back(where + d);
+      }
+      return out;
+   }
+
+   std::string addedReason(const std::string& table, Asic::Index index, const Owner* owner) const {
+      ChipMemories& before = *options_.before;
+      if (memoryOf(before, table).memory().validEntries() == 0) {
+         return "the chip held no entry of this table";
+      }
+      const GroupState* g = owner ? owner->group : nullptr;
+      if (table == "head" && g) {
+         if (!g->recovered) return "new group: the chip had no replication group for it";
+         if (g->headSuggested) {
+            return fmt::format(
+                "the block at {} was offered but refused (taken by another key, or it "
+                "differs in size)",
+                *g->headSuggested);
+         }
+         if (g->oldHeadBase) {
+            return fmt::format(
+                "replication changed: written beside the old block at {}, which the group "
+                "leaves with one write before the purge",
+                *g->oldHeadBase);
+         }
+         return "the chip had no replication group entry to offer a block";
+      }
+      if (table == "remap" && g && !g->recovered) {
+         return "new group: the chip had no lookup entry for it";
+      }
+      if (table == "list" && g) {
+         if (g->headSuggested) {
+            const auto head = decodedAt(before, "head", *g->headSuggested + owner->offset);
+            if (head && head->contains("headPtr")) {
+               return fmt::format(
+                   "the list at {} that its group's block names was refused (taken by "
+                   "another key, or of another length)",
+                   (*head)["headPtr"].dump());
+            }
+            return "its group's block on the chip names no list at its position";
+         }
+         if (!g->recovered) return "new group: no head block on the chip names it";
+         return "its group's replication changed: no head block offered an index";
+      }
+      if (table == "l2subport" && owner && owner->l2) {
+         if (auto it = l2Suggested_.find(*owner->l2); it != l2Suggested_.end()) {
+            return fmt::format("the equal list at {} was refused (taken by another key)",
+                               it->second);
+         }
+         return "no equal list on the chip";
+      }
+      if (!decodedAt(before, table, index)) {
+         return fmt::format("no synced entry: the chip held nothing at index {}", index);
+      }
+      return fmt::format("the entry at index {} was taken over by another key", index);
+   }
+
+   void outcomes() {
+      using Kind = KeyOutcome::Kind;
+      const auto byIndex = owners();
+      if (!report_.warm) {
+         // A cold start reconciles nothing (and counts nothing): every key is new.
+         for (const auto& [where, owners] : byIndex) {
+            KeyOutcome o;
+            o.table = where.first;
+            o.kind = Kind::added;
+            o.status = static_cast<int>(Status::nothingToReconcile);
+            o.index = where.second;
+            for (const Owner& w : owners) o.key += (o.key.empty() ? "" : ", ") + w.name;
+            o.reason = "cold start: the chip held nothing";
+            report_.outcomes.push_back(std::move(o));
+         }
+         return;
+      }
+      std::map<Asic::Index, std::uint32_t> blockSizes;
+      for (const GroupState& g : groups_) {
+         if (g.head) blockSizes[g.head->hwIndex()] = g.blockSize;
+      }
+      for (const Event& e : events_) {
+         KeyOutcome o;
+         o.table = e.table;
+         o.status = static_cast<int>(e.status);
+         o.index = e.index;
+         const Owner* owner = nullptr;
+         if (auto it = byIndex.find({o.table, e.index}); it != byIndex.end()) {
+            owner = &it->second.front();
+            for (const Owner& w : it->second) o.key += (o.key.empty() ? "" : ", ") + w.name;
+         }
+         const std::uint32_t blockSize =
+             blockSizes.contains(e.index) && o.table == "head" ? blockSizes.at(e.index) : 1;
+         switch (e.status) {
+            case Status::reconciled:
+               o.kind = Kind::kept;
+               break;
+            case Status::indexReconciledContentsDiffer:
+               o.kind = Kind::rewritten;
+               o.differences = rewrittenFields(o.table, e.index, blockSize);
+               break;
+            case Status::staleEntryDeleted: {
+               o.kind = Kind::stale;
+               o.key.clear();
+               // A head purge takes each run of adjacent stale entries at once.
+               std::vector<Asic::Index> indices;
+               if (o.table == "head") {
+                  for (Asic::Index i = e.index;
+                       decodedAt(*options_.before, "head", i) && !decodedAt(chip_, "head", i);
+                       ++i) {
+                     indices.push_back(i);
+                  }
+               } else {
+                  indices = indicesAt(*options_.before, o.table, e.index, 1);
+               }
+               for (Asic::Index i : indices) {
+                  if (auto d = decodedAt(*options_.before, o.table, i)) {
+                     o.contents.emplace_back(i, std::move(*d));
+                  }
+               }
+               break;
+            }
+            default:
+               o.kind = Kind::added;
+               o.reason = report_.warm ? addedReason(o.table, e.index, owner)
+                                       : "cold start: the chip held nothing";
+               break;
+         }
+         report_.outcomes.push_back(std::move(o));
+      }
+      // Keys that resolved only once the replay was over (waiting for entries programmed at
+      // init complete) never met reconciliation, and are not counted: new all the same.
+      std::set<std::pair<std::string, Asic::Index>> seen;
+      for (const KeyOutcome& o : report_.outcomes) {
+         if (o.kind != Kind::stale) seen.insert({o.table, o.index});
+      }
+      for (const auto& [where, owners] : byIndex) {
+         if (seen.contains(where) || Asic::isExhausted(where.second)) continue;
+         KeyOutcome o;
+         o.table = where.first;
+         o.kind = Kind::added;
+         o.status = static_cast<int>(Status::notReconciled);
+         o.index = where.second;
+         for (const Owner& w : owners) o.key += (o.key.empty() ? "" : ", ") + w.name;
+         o.reason = addedReason(o.table, o.index, &owners.front());
+         report_.outcomes.push_back(std::move(o));
+      }
+   }
+
+   // --- the audit of allocators against the hardware --------------------------------------
+   void findAllocationFaults() {
+      auto& out = report_.allocationFindings;
+      auto valid = [](const ChipSim::SimHwTable& hw, Asic::Index i) {
+         std::vector<std::uint32_t> words(hw.memory().entryWords());
+         return i < hw.memory().numEntries() && hw.entryRead(i, words);
+      };
+      // A key owns the index: held (stale) and reserved indices are nobody's.
+      const std::array listKeys = {&Asic::vixType<MmuReplListTable::Key>(),
+                                   &Asic::vixType<MmuReplListL2SubPortTable::Key>()};
+      const std::array headKeys = {&Asic::vixType<MmuReplHeadTable::Key>()};
+      const std::array ipmcKeys = {&Asic::vixType<VelmarL3Common::L3IpmcKey>()};
+      auto owned = [](const Asic::GenericIndexAllocator& a, Asic::Index i, const auto& keyTypes) {
+         if (a.isIndexFree(i) || a.isIndexHeld(i)) return false;
+         return std::any_of(keyTypes.begin(), keyTypes.end(),
+                            [&](const auto* t) { return !a.keyForIndex(i, *t).empty(); });
+      };
+      const char* unowned = "no key owns this entry (the purge would remove it)";
+      const Asic::GenericIndexAllocator& lists = *lists_->indexAllocator();
+      for (Asic::Index i = 0; i < lists.numEntries(); ++i) {
+         const bool inList = valid(*chip_.list, i), inL2 = valid(*chip_.l2SubPort, i);
+         const bool isOwned = owned(lists, i, listKeys);
+         if (isOwned && !inList && !inL2) {
+            out.push_back({chip_.list->name(), i,
+                           "the list allocator holds it for a key, the chip has no entry there"});
+         } else if (!isOwned) {
+            if (inList) out.push_back({chip_.list->name(), i, unowned});
+            if (inL2) out.push_back({chip_.l2SubPort->name(), i, unowned});
+         }
+      }
+      const Asic::GenericIndexAllocator& heads = *heads_->indexAllocator();
+      for (Asic::Index i = 0; i < heads.numEntries(); ++i) {
+         const bool inHw = valid(*chip_.head, i);
+         const bool isOwned = owned(heads, i, headKeys);
+         if (isOwned && !inHw) {
+            out.push_back({chip_.head->name(), i,
+                           "the head allocator holds it for a key, the chip has no entry there"});
+         } else if (!isOwned && inHw) {
+            out.push_back({chip_.head->name(), i, unowned});
+         }
+      }
+      // IPMC indices: the lookup's groups own them; their remap entries and replication
+      // groups live at the same index.
+      std::vector<bool> replicates(ChipLimits::kIpmcIndices);
+      for (const GroupState& g : groups_) {
+         replicates[g.ipmcIndex] = !g.config->replication.empty();
+      }
+      const Asic::GenericIndexAllocator& ipmc = *remaps_->indexAllocator();
+      for (Asic::Index i = 0; i < ipmc.numEntries(); ++i) {
+         const bool inLookup = valid(*chip_.ipmc, i);
+         const bool isOwned = owned(ipmc, i, ipmcKeys);
+         if (isOwned && !inLookup) {
+            out.push_back({chip_.ipmc->name(), i,
+                           "the IPMC allocator holds it for a group, the chip has no lookup "
+                           "entry there"});
+         }
+         if (!isOwned) {
+            if (inLookup) out.push_back({chip_.ipmc->name(), i, unowned});
+            if (valid(*chip_.remap, i)) out.push_back({chip_.remap->name(), i, unowned});
+         }
+         if (valid(*chip_.group, i) && !replicates[i]) {
+            out.push_back({chip_.group->name(), i, "no configured group with replication owns it"});
+         }
+      }
+      chip_.portAgg->forEachValidEntry([&](Asic::Index i, Asic::HwTable::Words) {
+         if (!portAgg_.contains(i)) {
+            out.push_back({chip_.portAgg->name(), i, "not configured (the purge would remove it)"});
+         }
+      });
+      chip_.nextHop->forEachValidEntry([&](Asic::Index i, Asic::HwTable::Words) {
+         if (!config_.nextHop(i)) {
+            out.push_back({chip_.nextHop->name(), i, "no configured next hop owns it"});
+         }
+      });
+   }
 };
 
 }  // namespace
@@ -559,6 +914,36 @@ nlohmann::json RunReport::toJson() const {
                                 {"violations", violationCount},
                                 {"first", violations}};
    }
+   if (dryRun) {
+      out["dryRun"] = true;
+      out["outcomes"] = nlohmann::json::object();
+      for (const auto& table : tables) {
+         const std::string& name = table.first;
+         if (std::find_if(outcomes.begin(), outcomes.end(),
+                          [&](const KeyOutcome& o) { return o.table == name; }) == outcomes.end()) {
+            continue;
+         }
+         auto& t = out["outcomes"][name];
+         for (const char* kind : {"kept", "rewritten", "new", "stale"}) {
+            t[kind] = nlohmann::json::array();
+         }
+      }
+      for (const KeyOutcome& o : outcomes) {
+         nlohmann::json j = {{"index", o.index}, {"status", o.status}};
+         if (!o.key.empty()) j["key"] = o.key;
+         if (o.kind == KeyOutcome::Kind::rewritten) j["differences"] = o.differences;
+         if (o.kind == KeyOutcome::Kind::added) j["reason"] = o.reason;
+         if (o.kind == KeyOutcome::Kind::stale) {
+            j["entries"] = nlohmann::json::array();
+            for (const auto& [index, decoded] : o.contents) {
+               nlohmann::json e = {{"index", index}};
+               e.update(decoded);
+               j["entries"].push_back(std::move(e));
+            }
+         }
+         out["outcomes"][o.table][std::string(toString(o.kind))].push_back(std::move(j));
+      }
+   }
    out["failed"] = nlohmann::json::array();
    for (const FailedKey& f : failed) {
       out["failed"].push_back({{"table", f.table}, {"key", f.key}, {"state", f.state}});
@@ -566,8 +951,75 @@ nlohmann::json RunReport::toJson() const {
    return out;
 }
 
+std::string_view toString(KeyOutcome::Kind kind) noexcept {
+   switch (kind) {
+      case KeyOutcome::Kind::kept:
+         return "kept";
+      case KeyOutcome::Kind::rewritten:
+         return "rewritten";
+      case KeyOutcome::Kind::added:
+         return "new";
+      case KeyOutcome::Kind::stale:
+         return "stale";
+   }
+   return "?";
+}
+
+namespace {
+
+std::string compact(const nlohmann::json& decoded) {
+   std::string out;
+   for (const auto& [field, value] : decoded.items()) {
+      out += fmt::format("{}{}={}", out.empty() ? "" : " ", field, value.dump());
+   }
+   return out;
+}
+
+// Per table, each key's outcome: what an operator reads before restarting for real.
+std::string outcomesText(const RunReport& report) {
+   std::string out;
+   for (const auto& table : report.tables) {
+      const std::string& name = table.first;
+      std::vector<const KeyOutcome*> mine;
+      for (const KeyOutcome& o : report.outcomes) {
+         if (o.table == name) mine.push_back(&o);
+      }
+      if (mine.empty()) continue;
+      std::array<std::size_t, 4> kinds{};
+      for (const KeyOutcome* o : mine) ++kinds[static_cast<std::size_t>(o->kind)];
+      out += fmt::format("{}: {} kept, {} rewritten, {} new, {} stale\n", name, kinds[0], kinds[1],
+                         kinds[2], kinds[3]);
+      for (const KeyOutcome* o : mine) {
+         const std::string what = o->key.empty() ? "" : o->key + " ";
+         switch (o->kind) {
+            case KeyOutcome::Kind::kept:
+               out += fmt::format("  kept      {}at {}\n", what, o->index);
+               break;
+            case KeyOutcome::Kind::rewritten:
+               out += fmt::format("  rewritten {}at {}\n", what, o->index);
+               for (const std::string& d : o->differences)
+                  out += fmt::format("              {}\n", d);
+               break;
+            case KeyOutcome::Kind::added:
+               out += fmt::format("  new       {}at {}: {}\n", what, o->index, o->reason);
+               break;
+            case KeyOutcome::Kind::stale:
+               out += fmt::format("  stale     at {}\n", o->index);
+               for (const auto& [index, decoded] : o->contents) {
+                  out += fmt::format("              [{}] {}\n", index, compact(decoded));
+               }
+               break;
+         }
+      }
+   }
+   return out;
+}
+
+}  // namespace
+
 std::string RunReport::toText() const {
-   std::string out = fmt::format("{} start\n", warm ? "warm" : "cold");
+   std::string out = fmt::format("{}{} start\n", dryRun ? "dry run (nothing written): " : "",
+                                 warm ? "warm" : "cold");
    out += fmt::format("  {:<10} {:>8} {:>8} {:>10} {:>8} {:>8} {:>8} {:>8}\n", "table", "writes",
                       "deletes", "reconciled", "rewrite", "new", "stale", "entries");
    auto line = [&](const std::string& name, const TableCounts& c) {
@@ -588,6 +1040,7 @@ std::string RunReport::toText() const {
                          operationsChecked, violationCount);
       for (const std::string& v : violations) out += fmt::format("    {}\n", v);
    }
+   if (dryRun) out += outcomesText(*this);
    return out;
 }
 

@@ -12,8 +12,10 @@
 #include <utility>
 #include <vector>
 
-#include <nlohmann/json_fwd.hpp>
+#include <nlohmann/json.hpp>
 
+#include "Asic/Types.h"
+#include "McastAgent/Audit.h"
 #include "McastAgent/ChipMemories.h"
 #include "McastAgent/Config.h"
 
@@ -36,8 +38,29 @@ struct FailedKey {
    std::string state;
 };
 
+// What reconciliation did with one key of a library table, or with one stale entry (a dry
+// run's detail).
+struct KeyOutcome {
+   enum class Kind : std::uint8_t { kept, rewritten, added, stale };
+   std::string table;  // remap, head, list, l2subport, portagg
+   Kind kind = Kind::kept;
+   int status = 0;  // the reconciliation status counted for it
+   Asic::Index index = Asic::invalidIndex;
+   std::string key;     // the configuration's name for it (empty for a stale entry)
+   std::string reason;  // added: why nothing on the chip could be kept
+   // rewritten: "field: chip -> configured", per entry that differs
+   std::vector<std::string> differences;
+   // stale: each entry the purge removes, decoded
+   std::vector<std::pair<Asic::Index, nlohmann::json>> contents;
+};
+std::string_view toString(KeyOutcome::Kind kind) noexcept;
+
 struct RunReport {
    bool warm = false;
+   bool dryRun = false;
+   std::vector<KeyOutcome> outcomes;  // with RunOptions::before, in the order they happened
+   // With RunOptions::auditAllocation: allocators and hardware that disagree.
+   std::vector<Finding> allocationFindings;
    std::vector<std::pair<std::string, TableCounts>> tables;  // in dependency order
    std::vector<std::pair<std::string, double>> phasesMs;     // in the order they ran
    std::vector<FailedKey> failed;
@@ -59,6 +82,11 @@ struct RunOptions {
    // must replicate as before the run or as the configuration says, never a mix of both and
    // never to nothing while it is in both.
    bool checkEveryWrite = false;
+   // A dry run: the chip as it was before the run (a second, untouched view of it), to
+   // decode what reconciliation kept, rewrote and purged; every key's outcome is recorded.
+   ChipMemories* before = nullptr;
+   // Stops before the purge and compares every allocator with the hardware.
+   bool auditAllocation = false;
 };
 
 // Programs `config` onto the chip. The configuration must have been validated.

@@ -82,11 +82,13 @@ namespace {
 
 // Checks the directory before anything is mapped or created in it.
 ChipSim::Chip::MemoryFactory checkedMemories(const std::filesystem::path& dir,
-                                             const Asic::Ptr<ChipSim::Faults>& faults) {
+                                             const Asic::Ptr<ChipSim::Faults>& faults,
+                                             ChipMemories::Access access) {
    checkExisting(dir);
    ChipSim::Chip::MemoryFactory mapped;
    try {
-      mapped = ChipSim::mappedMemories(dir);
+      mapped = access == ChipMemories::Access::copyOnWrite ? ChipSim::copyOnWriteMemories(dir)
+                                                           : ChipSim::mappedMemories(dir);
    } catch (const std::exception& e) {
       throw ChipError(e.what());
    }
@@ -100,10 +102,11 @@ ChipSim::Chip::MemoryFactory checkedMemories(const std::filesystem::path& dir,
 
 }  // namespace
 
-ChipMemories::ChipMemories(const std::filesystem::path& dir, const ChipSim::FaultPlan& faults)
+ChipMemories::ChipMemories(const std::filesystem::path& dir, const ChipSim::FaultPlan& faults,
+                           Access access)
     : dir_(dir),
       faults_(Asic::makePtr<ChipSim::Faults>(faults)),
-      chip_(loop_, 0, checkedMemories(dir, faults_)) {
+      chip_(loop_, 0, checkedMemories(dir, faults_, access)) {
    auto open = [&](std::size_t n) {
       const Geometry& g = kGeometry[n];
       try {

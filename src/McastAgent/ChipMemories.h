@@ -24,11 +24,16 @@ class ChipError : public std::runtime_error {
 
 class ChipMemories {
  public:
+   // write: the chip itself. copyOnWrite: a private view of it that writes nothing to the
+   // chip directory and creates nothing there (a dry run); absent memories are empty.
+   enum class Access : std::uint8_t { write, copyOnWrite };
+
    // Maps every memory under `dir`, creating what is missing. Every memory file already
    // there is checked first, so a refused chip is left exactly as it was. Throws ChipError.
    // `faults` applies to the library's tables (writes and deletes that fail, late
    // completions) and, for the crash after N writes, to every memory.
-   explicit ChipMemories(const std::filesystem::path& dir, const ChipSim::FaultPlan& faults = {});
+   explicit ChipMemories(const std::filesystem::path& dir, const ChipSim::FaultPlan& faults = {},
+                         Access access = Access::write);
    ChipMemories(const ChipMemories&) = delete;
    ChipMemories& operator=(const ChipMemories&) = delete;
 

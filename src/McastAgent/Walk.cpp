@@ -437,82 +437,84 @@ const std::vector<std::string>& showTableNames() {
    return names;
 }
 
-Json showTable(ChipMemories& chip, const std::string& table) {
-   Json entries = Json::array();
-   auto each = [&](ChipSim::SimHwTable& hw, auto&& decode) {
-      hw.forEachValidEntry([&](Asic::Index index, Asic::HwTable::Words words) {
-         Json j = {{"index", index}};
-         try {
-            decode(j, words);
-         } catch (const std::exception& e) {
-            j["fault"] = e.what();
-         }
-         entries.push_back(std::move(j));
-      });
-   };
+ChipSim::SimHwTable& memoryOf(ChipMemories& chip, const std::string& table) {
+   const std::pair<const char*, ChipSim::SimHwTable*> memories[] = {
+       {"remap", chip.remap.get()},     {"head", chip.head.get()},
+       {"list", chip.list.get()},       {"l2subport", chip.l2SubPort.get()},
+       {"portagg", chip.portAgg.get()}, {"ipmc", chip.ipmc.get()},
+       {"group", chip.group.get()},     {"nexthop", chip.nextHop.get()}};
+   for (const auto& [name, hw] : memories) {
+      if (table == name) return *hw;
+   }
+   throw std::invalid_argument(
+       fmt::format("unknown table \"{}\" (known: {})", table, fmt::join(showTableNames(), ", ")));
+}
+
+Json decodeEntry(const std::string& table, std::span<const std::uint32_t> w) {
+   Json j = Json::object();
    if (table == "remap") {
-      each(*chip.remap, [](Json& j, auto w) {
-         auto e = RemapFormat::decode(w);
-         j["remappedIpmcIndex"] = e.remappedIpmcIndex;
-         j["strengthProfile"] = e.strengthProfile;
-      });
+      auto e = RemapFormat::decode(w);
+      j["remappedIpmcIndex"] = e.remappedIpmcIndex;
+      j["strengthProfile"] = e.strengthProfile;
    } else if (table == "head") {
-      each(*chip.head, [](Json& j, auto w) {
-         auto e = HeadFormat::decode(w);
-         j["headPtr"] = e.headPtr;
-         j["numNextHops"] = e.numNextHops;
-         j["portSpeed"] = speedName(e.portSpeed);
-         j["ipmcIndex"] = e.ipmcIndex;
-      });
+      auto e = HeadFormat::decode(w);
+      j["headPtr"] = e.headPtr;
+      j["numNextHops"] = e.numNextHops;
+      j["portSpeed"] = speedName(e.portSpeed);
+      j["ipmcIndex"] = e.ipmcIndex;
    } else if (table == "list") {
-      each(*chip.list, [](Json& j, auto w) {
-         auto e = ChipSim::ReplListFormat::decode(w);
-         if (e.kind == ChipSim::ReplListFormat::HwEntry::Kind::sparse) {
-            j["kind"] = "sparse";
-            Json pairs = Json::array();
-            for (auto [nh, port] : e.pairs) pairs.push_back({{"nextHop", nh}, {"port", port}});
-            j["pairs"] = std::move(pairs);
-         } else {
-            j["kind"] = "dense";
-            j["lsbVlan"] = e.lsbVlan;
-            j["members"] = fmt::format("0x{:016x}", e.members);
-            j["numBits"] = e.numBits;
-         }
-         j["last"] = e.last;
-         if (!e.last) j["next"] = e.next;
-      });
+      auto e = ChipSim::ReplListFormat::decode(w);
+      if (e.kind == ChipSim::ReplListFormat::HwEntry::Kind::sparse) {
+         j["kind"] = "sparse";
+         Json pairs = Json::array();
+         for (auto [nh, port] : e.pairs) pairs.push_back({{"nextHop", nh}, {"port", port}});
+         j["pairs"] = std::move(pairs);
+      } else {
+         j["kind"] = "dense";
+         j["lsbVlan"] = e.lsbVlan;
+         j["members"] = fmt::format("0x{:016x}", e.members);
+         j["numBits"] = e.numBits;
+      }
+      j["last"] = e.last;
+      if (!e.last) j["next"] = e.next;
    } else if (table == "l2subport") {
-      each(*chip.l2SubPort, [](Json& j, auto w) {
-         auto e = ChipSim::L2SubPortFormat::decode(w);
-         j["mode"] = e.mode;
-         j["subPorts"] = bitsOf(e.bitmapWords);
-         j["last"] = e.last;
-         if (!e.last) j["next"] = e.next;
-      });
+      auto e = ChipSim::L2SubPortFormat::decode(w);
+      j["mode"] = e.mode;
+      j["subPorts"] = bitsOf(e.bitmapWords);
+      j["last"] = e.last;
+      if (!e.last) j["next"] = e.next;
    } else if (table == "portagg") {
-      each(*chip.portAgg, [](Json& j, auto w) { j["members"] = bitsOf(w); });
+      j["members"] = bitsOf(w);
    } else if (table == "ipmc") {
-      each(*chip.ipmc, [](Json& j, auto w) {
-         auto e = ChipSim::IpmcLookupFormat::decode(w);
-         j["group"] = ipv4ToString(e.groupAddr);
-         j["vrf"] = e.vrf;
-      });
+      auto e = ChipSim::IpmcLookupFormat::decode(w);
+      j["group"] = ipv4ToString(e.groupAddr);
+      j["vrf"] = e.vrf;
    } else if (table == "group") {
-      each(*chip.group, [](Json& j, auto w) {
-         auto e = ChipSim::ReplGroupFormat::decode(w);
-         j["headBase"] = e.headBase;
-         j["blockSize"] = e.blockSize;
-      });
+      auto e = ChipSim::ReplGroupFormat::decode(w);
+      j["headBase"] = e.headBase;
+      j["blockSize"] = e.blockSize;
    } else if (table == "nexthop") {
-      each(*chip.nextHop, [](Json& j, auto w) {
-         auto e = ChipSim::NextHopFormat::decode(w);
-         j["port"] = e.port;
-         j["vlan"] = e.vlan;
-      });
+      auto e = ChipSim::NextHopFormat::decode(w);
+      j["port"] = e.port;
+      j["vlan"] = e.vlan;
    } else {
       throw std::invalid_argument(fmt::format("unknown table \"{}\" (known: {})", table,
                                               fmt::join(showTableNames(), ", ")));
    }
+   return j;
+}
+
+Json showTable(ChipMemories& chip, const std::string& table) {
+   Json entries = Json::array();
+   memoryOf(chip, table).forEachValidEntry([&](Asic::Index index, Asic::HwTable::Words words) {
+      Json j = {{"index", index}};
+      try {
+         j.update(decodeEntry(table, words));
+      } catch (const std::exception& e) {
+         j["fault"] = e.what();
+      }
+      entries.push_back(std::move(j));
+   });
    return {{"table", table}, {"entries", std::move(entries)}};
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -71,5 +72,10 @@ std::vector<std::string> differences(const Walk& walk, const Config& config);
 // another name.
 nlohmann::json showTable(ChipMemories& chip, const std::string& table);
 const std::vector<std::string>& showTableNames();
+// One entry of such a table decoded, as `show` prints it (without its index). Throws
+// std::invalid_argument for words no entry could have or an unknown table.
+nlohmann::json decodeEntry(const std::string& table, std::span<const std::uint32_t> words);
+// The memory behind such a table name; throws std::invalid_argument for another name.
+ChipSim::SimHwTable& memoryOf(ChipMemories& chip, const std::string& table);
 
 }  // namespace McastAgent
