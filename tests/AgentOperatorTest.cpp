@@ -15,7 +15,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "AgentProcess.h"
+#include "AgentTest.h"
 
 namespace {
 
@@ -24,23 +24,9 @@ using ::testing::HasSubstr;
 using Json = nlohmann::json;
 using AgentProcess::Result;
 
-Result agent(const std::vector<std::string>& args) { return AgentProcess::run(MCAST_AGENT, args); }
-
-Json parse(const Result& r) {
-   try {
-      return Json::parse(r.out);
-   } catch (const Json::exception& e) {
-      ADD_FAILURE() << "not JSON (" << e.what() << "): " << r;
-      return Json::object();
-   }
-}
-
-std::string readFile(const fs::path& p) {
-   std::ifstream in(p, std::ios::binary);
-   std::string bytes(fs::file_size(p), '\0');
-   in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-   return bytes;
-}
+using AgentTest::agent;
+using AgentTest::parse;
+using AgentTest::readFile;
 
 // Every file of the chip directory with its bytes; nullopt when there is no directory.
 using Snapshot = std::optional<std::map<std::string, std::string>>;

@@ -20,7 +20,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "AgentProcess.h"
+#include "AgentTest.h"
 
 namespace {
 
@@ -32,23 +32,9 @@ const char* const kLibraryTables[] = {"remap", "head", "list", "l2subport", "por
 
 using AgentProcess::Result;
 
-Result agent(const std::vector<std::string>& args) { return AgentProcess::run(MCAST_AGENT, args); }
-
-Json parse(const Result& r) {
-   try {
-      return Json::parse(r.out);
-   } catch (const Json::exception& e) {
-      ADD_FAILURE() << "not JSON (" << e.what() << "): " << r;
-      return Json::object();
-   }
-}
-
-std::string readFile(const fs::path& p) {
-   std::ifstream in(p, std::ios::binary);
-   std::string bytes(fs::file_size(p), '\0');
-   in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-   return bytes;
-}
+using AgentTest::agent;
+using AgentTest::parse;
+using AgentTest::readFile;
 
 void writeFile(const fs::path& p, const std::string& text) {
    std::ofstream(p, std::ios::binary | std::ios::trunc) << text;
