@@ -15,7 +15,8 @@ std::uint32_t hashSeed() noexcept;
 template <typename Key, std::uint32_t kCollectionConstant>
 struct SeededHash {
    std::size_t operator()(const Key& key) const {
-      return hashOf(key, hashSeed() ^ kCollectionConstant);
+      static const std::uint32_t seed = hashSeed() ^ kCollectionConstant;  // fixed per process
+      return hashOf(key, seed);
    }
 };
 

@@ -1295,6 +1295,35 @@ class SwTable::EntryIteratorConst {
 };
 
 // ---------------------------------------------------------------------------------------
+// The slot a collection last found: one operation looks the same key up many times over
+// (commit, resolve, program, write, response), and a hit here costs one key comparison
+// instead of a hash and a probe. Forgotten at every insertion and erasure, the only changes
+// that can move or remove a slot.
+template <typename Map>
+class LastFoundSlot {
+ public:
+   using Slot = typename Map::value_type;
+   Slot* find(Map& map, const typename Map::key_type& key) const {
+      if (slot_ && slot_->first == key) return slot_;
+      auto it = map.find(key);
+      if (it == map.end()) return nullptr;
+      slot_ = &*it;
+      return slot_;
+   }
+   // Finds the key's slot, or makes one (with a default value): one hash either way.
+   std::pair<Slot*, bool> findOrInsert(Map& map, const typename Map::key_type& key) {
+      if (slot_ && slot_->first == key) return {slot_, false};
+      auto [it, inserted] = map.try_emplace(key);
+      slot_ = &*it;
+      return {slot_, inserted};
+   }
+   void forget() noexcept { slot_ = nullptr; }
+
+ private:
+   mutable Slot* slot_ = nullptr;  // not owned: a slot of the map
+};
+
+// ---------------------------------------------------------------------------------------
 // What every table built on the engine has: its collections with their attribute-style
 // mutators, its Util and the client operations, each forwarding to Accessor<Derived>.
 // `UtilT` may be incomplete here (it derives from SwTableUtilT<Derived>).
@@ -1409,6 +1438,7 @@ class SwTableImpl : public Base {
       for (auto& [key, eh] : entryHandles_) dropCommitCount(eh.get());
       unresolvedEntryDelAll();
       resolvedEntries_.clear();
+      resolvedFound_.forget();
       this->indexHelperDelAll();
       if (auto* alloc = this->indexAllocator()) {
          for (const auto& [index, indices] : syncedIndices_) {
@@ -1468,19 +1498,19 @@ class SwTableImpl : public Base {
    // --- collections --------------------------------------------------------------------
    const EntryHandleMap& entryHandles() const noexcept { return entryHandles_; }
    EntryHandle* entryHandle(const Key& key) const {
-      auto it = entryHandles_.find(key);
-      return it == entryHandles_.end() ? nullptr : it->second.get();
+      auto* slot = handleFound_.find(const_cast<EntryHandleMap&>(entryHandles_), key);
+      return slot ? slot->second.get() : nullptr;
    }
-   bool entryHandleHas(const Key& key) const { return entryHandles_.contains(key); }
+   bool entryHandleHas(const Key& key) const { return entryHandle(key) != nullptr; }
    Ptr<EntryHandle> entryHandleIs(const Key& key, Derived* table) {
       if (table != self()) {
          throw std::logic_error(
              fmt::format("{}: entry handle of key {} re-instantiated for another table",
                          Derived::kTypeName, key));
       }
-      auto [it, inserted] = entryHandles_.try_emplace(key);
-      if (inserted) it->second = entryHandleFactory(key, table);
-      return it->second;
+      auto [slot, inserted] = handleFound_.findOrInsert(entryHandles_, key);
+      if (inserted) slot->second = entryHandleFactory(key, table);
+      return slot->second;
    }
    static Ptr<EntryHandle> entryHandleFactory(const Key& key, Derived* table) {
       return makePtr<EntryHandle>(key, table);
@@ -1490,6 +1520,7 @@ class SwTableImpl : public Base {
       if (it == entryHandles_.end()) return;
       EntryHandle* eh = it->second.detach();
       entryHandles_.erase(it);
+      handleFound_.forget();
       this->indexHelperDel(eh);
       eh->swTableIs(nullptr);
       RefCounted::releaseQuietly(eh);  // no clean-up for a key that is gone
@@ -1497,6 +1528,7 @@ class SwTableImpl : public Base {
    void entryHandleDelAll() {
       EntryHandleMap handles = std::move(entryHandles_);
       entryHandles_.clear();
+      handleFound_.forget();
       this->indexHelperDelAll();
       for (auto& [key, eh] : handles) {
          eh->swTableIs(nullptr);
@@ -1506,6 +1538,7 @@ class SwTableImpl : public Base {
 
    const UnresolvedEntryMap& unresolvedEntries() const noexcept { return unresolvedEntries_; }
    UnresolvedEntry* unresolvedEntry(const Key& key) const {
+      if (unresolvedEntries_.empty()) return nullptr;  // usually: no hash to compute
       auto it = unresolvedEntries_.find(key);
       return it == unresolvedEntries_.end() ? nullptr : it->second.get();
    }
@@ -1515,6 +1548,7 @@ class SwTableImpl : public Base {
       return it->second;
    }
    void unresolvedEntryDel(const Key& key) {
+      if (unresolvedEntries_.empty()) return;
       auto it = unresolvedEntries_.find(key);
       if (it == unresolvedEntries_.end()) return;
       Ptr<UnresolvedEntry> ue = std::move(it->second);
@@ -1528,17 +1562,19 @@ class SwTableImpl : public Base {
    const ResolvedEntryMap& resolvedEntries() const noexcept { return resolvedEntries_; }
    std::size_t resolvedEntrys() const noexcept { return resolvedEntries_.size(); }
    const std::optional<Entry>* resolvedEntry(const Key& key) const {
-      auto it = resolvedEntries_.find(key);
-      return it == resolvedEntries_.end() ? nullptr : &it->second;
+      auto* slot = resolvedFound_.find(const_cast<ResolvedEntryMap&>(resolvedEntries_), key);
+      return slot ? &slot->second : nullptr;
    }
-   bool resolvedEntryHas(const Key& key) const { return resolvedEntries_.contains(key); }
+   bool resolvedEntryHas(const Key& key) const { return resolvedEntry(key) != nullptr; }
    // Stores a changed value and hands the key to the engine; an equal value (identity
    // equality; two empty values are equal) changes nothing. Returns whether it changed.
    bool resolvedEntryIs(const Key& key, std::optional<Entry> value) {
-      auto it = resolvedEntries_.find(key);
+      auto [slot, inserted] = resolvedFound_.findOrInsert(resolvedEntries_, key);
       std::uint8_t mode = 0;
-      if (it != resolvedEntries_.end()) {
-         const auto& current = it->second;
+      if (inserted) {
+         slot->second = std::move(value);
+      } else {
+         const auto& current = slot->second;
          if (current.has_value() == value.has_value() && (!value || *current == *value))
             return false;
          const EntryHandle* eh = entryHandle(key);
@@ -1546,9 +1582,7 @@ class SwTableImpl : public Base {
                          : (eh && eh->resolvedEntryState() == SwTableBase::EntryState::programFailed
                                 ? 0
                                 : 2);
-         it->second = std::move(value);
-      } else {
-         resolvedEntries_.emplace(key, std::move(value));
+         slot->second = std::move(value);
       }
       this->indexUserModeIs(mode);
       this->publish("resolvedEntry");
@@ -1559,18 +1593,25 @@ class SwTableImpl : public Base {
    // it (a register adopting what it read back at a restart). A key with a value keeps it.
    bool resolvedEntryAdopt(const Key& key, const Entry& value) {
       auto [it, inserted] = resolvedEntries_.try_emplace(key, value);
-      if (inserted) this->publish("resolvedEntry");
+      if (inserted) {
+         resolvedFound_.forget();
+         this->publish("resolvedEntry");
+      }
       return inserted;
    }
    void resolvedEntryDel(const Key& key) {
       auto it = resolvedEntries_.find(key);
       if (it == resolvedEntries_.end()) return;
       resolvedEntries_.erase(it);
+      resolvedFound_.forget();
       this->publish("resolvedEntry");
       accessor().handleEntry(key);
    }
    // Forgets every value without touching the hardware (table clean-up).
-   void resolvedEntryDelAll() { resolvedEntries_.clear(); }
+   void resolvedEntryDelAll() {
+      resolvedEntries_.clear();
+      resolvedFound_.forget();
+   }
 
    const SyncedEntryMap& syncedEntries() const noexcept { return syncedEntries_; }
    const SyncedEntry* syncedEntry(Index index) const {
@@ -1648,6 +1689,8 @@ class SwTableImpl : public Base {
    EntryHandleMap entryHandles_;
    UnresolvedEntryMap unresolvedEntries_;
    ResolvedEntryMap resolvedEntries_;
+   LastFoundSlot<EntryHandleMap> handleFound_;
+   LastFoundSlot<ResolvedEntryMap> resolvedFound_;
    SyncedEntryMap syncedEntries_;
    SyncedIndicesMap syncedIndices_;
    SkippedStaleEntryMap skippedStale_;

@@ -12,24 +12,6 @@
 namespace VelmarL3Common {
 namespace {
 
-constexpr std::uint32_t murmurMix(std::uint32_t h, std::uint32_t k) noexcept {
-   k *= 0xCC9E2D51u;
-   k = std::rotl(k, 15);
-   k *= 0x1B873593u;
-   h ^= k;
-   h = std::rotl(h, 13);
-   return h * 5 + 0xE6546B64u;
-}
-
-constexpr std::uint32_t murmurFinal(std::uint32_t h) noexcept {
-   h ^= h >> 16;
-   h *= 0x85EBCA6Bu;
-   h ^= h >> 13;
-   h *= 0xC2B2AE35u;
-   h ^= h >> 16;
-   return h;
-}
-
 [[noreturn]] void badKey(std::string_view text, std::string_view what) {
    throw std::invalid_argument(fmt::format("bad L3IpmcKey '{}': {}", text, what));
 }
@@ -73,12 +55,6 @@ std::uint32_t parseGroup(std::string_view text, std::string_view& rest) {
 }
 
 }  // namespace
-
-std::uint32_t L3IpmcKey::hash(std::uint32_t seed) const noexcept {
-   std::uint32_t h = murmurMix(seed, groupAddr);
-   h = murmurMix(h, vrfId);
-   return murmurFinal(h ^ static_cast<std::uint32_t>(sizeof(L3IpmcKey)));
-}
 
 L3IpmcKey parseL3IpmcKey(std::string_view text) {
    std::string_view rest = text;

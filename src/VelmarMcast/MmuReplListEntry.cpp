@@ -47,36 +47,41 @@ Entry::MmuReplListTableEntry(Asic::CharRange& range) {
    ASIC_ASSERT_MSG(false, "No String constructor for Entry - has collection");
 }
 
+const Entry::Derived Entry::kNoDerived;
+
+Entry::MmuReplListTableEntry(const MmuReplListTableEntry& other)
+    : EntryBase(other),
+      identity_(other.identity_),
+      derived_(other.derived_ ? std::make_unique<Derived>(*other.derived_) : nullptr),
+      denseEntrySize_(other.denseEntrySize_),
+      sparseEntrySize_(other.sparseEntrySize_),
+      genId_(other.genId_),
+      writeResponseFn(other.writeResponseFn) {}
+
+Entry& Entry::operator=(const MmuReplListTableEntry& other) {
+   if (this == &other) return *this;
+   *this = MmuReplListTableEntry(other);
+   return *this;
+}
+
 Entry::MmuReplListTableEntry(MmuReplListTableEntry&& other)
     : EntryBase(other),
       identity_(other.identity_),
-      egressObject_(std::move(other.egressObject_)),
+      derived_(std::move(other.derived_)),
       denseEntrySize_(other.denseEntrySize_),
-      denseReplListEntry_(std::move(other.denseReplListEntry_)),
       sparseEntrySize_(other.sparseEntrySize_),
-      sparseReplListEntry_(std::move(other.sparseReplListEntry_)),
       genId_(other.genId_),
-      writeResponseFn(other.writeResponseFn) {
-   // A moved-from container is only "valid"; the source is promised empty ones.
-   other.egressObject_.clear();
-   other.denseReplListEntry_.clear();
-   other.sparseReplListEntry_.clear();
-}
+      writeResponseFn(other.writeResponseFn) {}
 
 Entry& Entry::operator=(MmuReplListTableEntry&& other) {
    if (this == &other) return *this;
    EntryBase::operator=(other);
    identity_ = other.identity_;
-   egressObject_ = std::move(other.egressObject_);
+   derived_ = std::move(other.derived_);  // the source is left with nothing derived
    denseEntrySize_ = other.denseEntrySize_;
-   denseReplListEntry_ = std::move(other.denseReplListEntry_);
    sparseEntrySize_ = other.sparseEntrySize_;
-   sparseReplListEntry_ = std::move(other.sparseReplListEntry_);
    genId_ = other.genId_;
    writeResponseFn = other.writeResponseFn;
-   other.egressObject_.clear();
-   other.denseReplListEntry_.clear();
-   other.sparseReplListEntry_.clear();
    return *this;
 }
 
@@ -139,13 +144,13 @@ void Entry::denseEntrySizeIs(std::uint8_t size) {
 }
 
 PortList Entry::egressObject(std::uint32_t index) const {
-   auto it = egressObject_.find(index);
-   return it == egressObject_.end() ? PortList() : it->second;
+   auto it = egressObjects().find(index);
+   return it == egressObjects().end() ? PortList() : it->second;
 }
 
 const PortList& Entry::egressObjectGet(std::uint32_t index) const {
-   auto it = egressObject_.find(index);
-   if (it == egressObject_.end()) {
+   auto it = egressObjects().find(index);
+   if (it == egressObjects().end()) {
       throw std::out_of_range(
           fmt::format("{}: egressObject {} is not in the list", kTypeName, index));
    }
@@ -156,11 +161,11 @@ std::uint32_t Entry::getBlockSize() const {
    std::uint32_t blockSize = 0;
    if (denseEntrySize_ != 0) {
       // Only meaningful once the layout has run.
-      blockSize =
-          static_cast<std::uint32_t>(sparseReplListEntry_.size() + denseReplListEntry_.size());
+      blockSize = static_cast<std::uint32_t>(sparseReplListEntries().size() +
+                                             denseReplListEntries().size());
    } else {
       // An entry that is not resolved yet is counted from its handles.
-      std::uint32_t total = portCount(egressObject_);
+      std::uint32_t total = portCount(egressObjects());
       if (total == 0) total = portCount(egressObjectHandles());
       if (total != 0) {
          if (sparseEntrySize_ == 0) {
@@ -182,9 +187,9 @@ std::uint32_t Entry::getBlockSize() const {
               "{} : {} allocating blockSize: {} entries for repl_list, numEgressObjects: {}, "
               "numEgresHandlesObjects: {}, sparseReplListEntry size: {}, denseReplListEntry "
               "size: {}",
-              kMmuReplListTableTypeName, "getBlockSize", blockSize, egressObject_.size(),
-              egressObjectHandles().size(), sparseReplListEntry_.size(),
-              denseReplListEntry_.size());
+              kMmuReplListTableTypeName, "getBlockSize", blockSize, egressObjects().size(),
+              egressObjectHandles().size(), sparseReplListEntries().size(),
+              denseReplListEntries().size());
    return blockSize;
 }
 
@@ -249,13 +254,13 @@ std::string Entry::toString() const {
    appendMap(out, egressObjectHandles(),
              [](const EntryHandlePtr& eh) { return fmt::ptr(eh.get()); });
    out += ", egressObject: ";
-   appendMap(out, egressObject_, same);
+   appendMap(out, egressObjects(), same);
    fmt::format_to(std::back_inserter(out),
                   ", denseEntrySize: {}, denseReplListEntry: ", denseEntrySize_);
-   appendMap(out, denseReplListEntry_, same);
+   appendMap(out, denseReplListEntries(), same);
    fmt::format_to(std::back_inserter(out),
                   ", sparseEntrySize: {}, sparseReplListEntry: ", sparseEntrySize_);
-   appendMap(out, sparseReplListEntry_, same);
+   appendMap(out, sparseReplListEntries(), same);
    fmt::format_to(std::back_inserter(out), ", genId: {}}}", genId_);
    return out;
 }

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -75,11 +76,11 @@ class MmuReplListTableEntry : public Asic::EntryBase {
    explicit MmuReplListTableEntry(Asic::CharRange& range);
    ~MmuReplListTableEntry() override = default;
 
-   // Deep: every field, derived lists and sizes included.
-   MmuReplListTableEntry(const MmuReplListTableEntry& other) = default;
-   MmuReplListTableEntry& operator=(const MmuReplListTableEntry& other) = default;
-   // Takes the three ordered collections over (the source is left with them empty) and
-   // copies the handle map, the sizes, genId and the callback.
+   // The copy shares the identity (see Identity) and copies what was derived from it.
+   MmuReplListTableEntry(const MmuReplListTableEntry& other);
+   MmuReplListTableEntry& operator=(const MmuReplListTableEntry& other);
+   // Takes what was derived over (the source is left with nothing derived) and shares the
+   // identity, the sizes, genId and the callback.
    MmuReplListTableEntry(MmuReplListTableEntry&& other);
    MmuReplListTableEntry& operator=(MmuReplListTableEntry&& other);
 
@@ -112,14 +113,20 @@ class MmuReplListTableEntry : public Asic::EntryBase {
    void denseEntrySizeIs(std::uint8_t size);
 
    // --- resolved egress objects -----------------------------------------------------------
-   const EgressObjectMap& egressObjects() const noexcept { return egressObject_; }
-   void egressObjectIs(std::uint32_t index, PortList ports) {
-      egressObject_.insert_or_assign(index, std::move(ports));
+   const EgressObjectMap& egressObjects() const noexcept {
+      return derived_ ? derived_->egressObject : kNoDerived.egressObject;
    }
-   void egressObjectDel(std::uint32_t index) { egressObject_.erase(index); }
-   void egressObjectDelAll() noexcept { egressObject_.clear(); }
+   void egressObjectIs(std::uint32_t index, PortList ports) {
+      derived().egressObject.insert_or_assign(index, std::move(ports));
+   }
+   void egressObjectDel(std::uint32_t index) {
+      if (derived_) derived_->egressObject.erase(index);
+   }
+   void egressObjectDelAll() noexcept {
+      if (derived_) derived_->egressObject.clear();
+   }
    bool egressObjectHas(std::uint32_t index) const {
-      return egressObject_.find(index) != egressObject_.end();
+      return egressObjects().find(index) != egressObjects().end();
    }
    // The ports of an index; an empty list when the index is absent.
    PortList egressObject(std::uint32_t index) const;
@@ -128,24 +135,30 @@ class MmuReplListTableEntry : public Asic::EntryBase {
 
    // --- derived hardware entries (a cache: callable on a const entry) ----------------------
    const SparseReplListEntryMap& sparseReplListEntries() const noexcept {
-      return sparseReplListEntry_;
+      return derived_ ? derived_->sparse : kNoDerived.sparse;
    }
    void sparseReplListEntryIs(const SparseReplListEntry& e, bool value) const& {
-      sparseReplListEntry_.insert_or_assign(e, value);
+      derived().sparse.insert_or_assign(e, value);
    }
    void sparseReplListEntryDel(const SparseReplListEntry& e) const& {
-      sparseReplListEntry_.erase(e);
+      if (derived_) derived_->sparse.erase(e);
    }
-   void sparseReplListEntryDelAll() const& noexcept { sparseReplListEntry_.clear(); }
+   void sparseReplListEntryDelAll() const& noexcept {
+      if (derived_) derived_->sparse.clear();
+   }
 
    const DenseReplListEntryMap& denseReplListEntries() const noexcept {
-      return denseReplListEntry_;
+      return derived_ ? derived_->dense : kNoDerived.dense;
    }
    void denseReplListEntryIs(const DenseReplListEntry& e, bool value) const& {
-      denseReplListEntry_.insert_or_assign(e, value);
+      derived().dense.insert_or_assign(e, value);
    }
-   void denseReplListEntryDel(const DenseReplListEntry& e) const& { denseReplListEntry_.erase(e); }
-   void denseReplListEntryDelAll() const& noexcept { denseReplListEntry_.clear(); }
+   void denseReplListEntryDel(const DenseReplListEntry& e) const& {
+      if (derived_) derived_->dense.erase(e);
+   }
+   void denseReplListEntryDelAll() const& noexcept {
+      if (derived_) derived_->dense.clear();
+   }
 
    // Hardware entries the list occupies: the laid-out entries when dense entries are
    // possible, else one sparse entry per sparseEntrySize (next hop, port) pairs. Never 0.
@@ -182,11 +195,23 @@ class MmuReplListTableEntry : public Asic::EntryBase {
    Identity& identityForChange();
 
    Asic::Ptr<Identity> identity_;  // null: no handles
-   EgressObjectMap egressObject_;
+   // What resolution and the layout derive from the identity. A list used as a key has none,
+   // so it lives behind a pointer that is null until something is derived: the collections
+   // that key on a list keep a small object.
+   struct Derived {
+      EgressObjectMap egressObject;
+      SparseReplListEntryMap sparse;
+      DenseReplListEntryMap dense;
+   };
+   static const Derived kNoDerived;
+   Derived& derived() const {
+      if (!derived_) derived_ = std::make_unique<Derived>();
+      return *derived_;
+   }
+
+   mutable std::unique_ptr<Derived> derived_;  // null: nothing derived
    std::uint8_t denseEntrySize_ = 0;
-   mutable DenseReplListEntryMap denseReplListEntry_;
    std::uint8_t sparseEntrySize_ = 0;
-   mutable SparseReplListEntryMap sparseReplListEntry_;
    std::uint32_t genId_ = 0;
    std::uint64_t digest() const;
 
