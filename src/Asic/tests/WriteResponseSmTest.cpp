@@ -1,6 +1,7 @@
 #include "Asic/WriteResponseSm.h"
 
 #include <array>
+#include <functional>
 #include <initializer_list>
 #include <stdexcept>
 #include <string>
@@ -50,6 +51,31 @@ class RecordingWatcher : public SwTableBase::EntryHandleWatcher {
    std::vector<std::pair<const SwTableBase::EntryHandle*, EntryState>> told;
    std::function<void()> onTold;
 };
+
+// Verify that a callback is empty when made from nothing (default, nullptr, an empty
+// std::function, a null function pointer), that it passes the state on, and that copies
+// share one callable (a stateful one counts the calls of every copy).
+TEST(WriteResponseFnTest, EmptyOrSharedAmongCopies) {
+   void (*none)(EntryState) = nullptr;
+   for (const WriteResponseFn& fn :
+        {WriteResponseFn(), WriteResponseFn(nullptr),
+         WriteResponseFn(std::function<void(EntryState)>()), WriteResponseFn(none)}) {
+      EXPECT_FALSE(fn);
+   }
+   std::vector<EntryState> told;
+   const WriteResponseFn fn = [&told, calls = 0](EntryState s) mutable {
+      told.push_back(s);
+      told.push_back(static_cast<EntryState>(++calls));
+   };
+   ASSERT_TRUE(fn);
+   const WriteResponseFn copy = fn;
+   fn(EntryState::success);
+   copy(EntryState::programFailed);
+   EXPECT_EQ(told,
+             (std::vector<EntryState>{EntryState::success, EntryState::inProgress,
+                                      EntryState::programFailed, EntryState::indexReconciled}))
+       << "the copy called a callable of its own";
+}
 
 // Verify that a corrupted state byte (7 or more) asserts when read, and that storing an
 // out-of-range state asserts too; 6 is the last valid state.
@@ -319,6 +345,45 @@ TEST_F(WriteResponseSmTest, IndexUserTrackerCounts) {
    EXPECT_EQ(t.users(5), 0u);
    EXPECT_EQ(t.usedIndices(), 1u);
    EXPECT_EQ(t.updates(), 6u);
+   EXPECT_THAT(
+       thrown<std::out_of_range>([&] { t.update(hw_->numEntries(), IndexUserTracker::taken); }),
+       HasSubstr("past the hardware table"));
+   EXPECT_EQ(t.updates(), 6u) << "a refused index counts nothing";
+}
+
+// Verify that responses arriving in any order complete each handle once, after its last
+// write, and that a burst long enough to outgrow the ticket ring leaves nothing behind.
+TEST_F(WriteResponseSmTest, ResponsesInAnyOrderCompleteEachHandleOnce) {
+   std::vector<Ptr<TestHandle>> handles;
+   std::vector<std::pair<WriteResponseSm::Ticket, TestHandle*>> tickets;
+   for (int h = 0; h < 3000; ++h) {
+      handles.push_back(makePtr<TestHandle>());
+      writeIn(handles.back().get(), {Index(h % 8), Index((h + 1) % 8)});
+      for (WriteResponseSm::Ticket t : hw_->issued) tickets.emplace_back(t, handles.back().get());
+      hw_->issued.clear();
+   }
+   EXPECT_EQ(sm_->outstandingWrites(), 6000u);
+   // Odd tickets first, from the newest down; then the even ones.
+   for (auto it = tickets.rbegin(); it != tickets.rend(); ++it) {
+      if (it->first % 2) sm_->writeCompleted(it->first, true);
+   }
+   // Each handle's two tickets are consecutive: every handle still waits for one.
+   for (std::size_t h = 0; h < handles.size(); ++h) {
+      EXPECT_TRUE(handles[h]->dispatched.empty()) << "handle " << h << " completed early";
+   }
+   for (const auto& [t, eh] : tickets) {
+      if (t % 2 == 0) sm_->writeCompleted(t, true);
+   }
+   EXPECT_EQ(sm_->outstandingWrites(), 0u);
+   for (std::size_t h = 0; h < handles.size(); ++h) {
+      EXPECT_EQ(handles[h]->dispatched, std::vector<EntryState>{EntryState::success})
+          << "handle " << h;
+      EXPECT_EQ(sm_->outstandingWrites(handles[h].get()), 0u) << "handle " << h;
+   }
+   // A response reported twice, or one never issued, changes nothing.
+   sm_->writeCompleted(tickets.front().first, false);
+   sm_->writeCompleted(tickets.back().first + 100, false);
+   EXPECT_EQ(handles.front()->dispatched.size(), 1u);
 }
 
 // Verify that deleting the tracker drops it (a later one starts empty) and clears the

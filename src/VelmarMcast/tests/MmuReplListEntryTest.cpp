@@ -78,6 +78,7 @@ class MmuReplListEntryTest : public ::testing::Test {
  protected:
    HandlePtr h1_ = testEntryHandle(10);
    HandlePtr h2_ = testEntryHandle(20);
+   HandlePtr h3_ = testEntryHandle(30);
 
    static Entry list(std::uint32_t genId, std::vector<std::pair<HandlePtr, PortList>> handles) {
       Entry e;
@@ -164,6 +165,50 @@ TEST_F(MmuReplListEntryTest, MoveTakesOnlyTheOrderedCollections) {
    Entry assigned;
    assigned = std::move(source2);
    checkMoved(source2, assigned, "assignment");
+}
+
+// Verify that copies, which share their handles, never see each other's changes: adding,
+// replacing and removing a handle on one copy leaves the others as they were, equal to
+// each other and hashing alike; and that what one copy derives stays its own.
+TEST_F(MmuReplListEntryTest, CopiesShareHandlesButNotChanges) {
+   const Entry original = list(3, {{h1_, {1}}, {h2_, {2}}});
+   const std::size_t hash = original.hash(7);
+   Entry added = original;
+   added.egressObjectHandleIs(h3_, {3});
+   Entry replaced = original;
+   replaced.egressObjectHandleIs(h1_, {9});
+   Entry removed = original;
+   removed.egressObjectHandleDel(h2_.get());
+   removed.egressObjectHandleDel(h3_.get());  // not in the list: nothing changes
+   Entry cleared = original;
+   cleared.egressObjectHandleDelAll();
+
+   EXPECT_EQ(original.egressObjectHandles().size(), 2u);
+   EXPECT_EQ(original.egressObjectHandle(h1_.get()), PortList({1}));
+   EXPECT_EQ(original.hash(7), hash) << "a copy's change reached the original's hash";
+   EXPECT_EQ(Entry(original), original);
+   EXPECT_NE(added, original);
+   EXPECT_EQ(added.egressObjectHandles().size(), 3u);
+   EXPECT_NE(replaced, original);
+   EXPECT_EQ(replaced.egressObjectHandle(h1_.get()), PortList({9}));
+   EXPECT_NE(removed, original);
+   EXPECT_FALSE(removed.egressObjectHandleHas(h2_.get()));
+   EXPECT_TRUE(cleared.egressObjectHandles().empty());
+   EXPECT_EQ(cleared, list(3, {})) << "an emptied list equals one built empty";
+
+   // Rebuilt from scratch, an equal list is equal and hashes alike, in either order.
+   EXPECT_EQ(list(3, {{h2_, {2}}, {h1_, {1}}}), original);
+   EXPECT_EQ(list(3, {{h2_, {2}}, {h1_, {1}}}).hash(7), hash);
+
+   Entry resolved = original;
+   resolved.egressObjectIs(10, {1});
+   resolved.sparseReplListEntryIs(SparseReplListEntry{{10, 1}}, true);
+   const Entry copy = resolved;
+   resolved.egressObjectDelAll();
+   resolved.sparseReplListEntryDelAll();
+   EXPECT_TRUE(original.egressObjects().empty() && original.sparseReplListEntries().empty());
+   EXPECT_EQ(copy.egressObjects().size(), 1u) << "a copy keeps what was derived before it";
+   EXPECT_EQ(copy.sparseReplListEntries().size(), 1u);
 }
 
 // Verify that the dense size is 0 or a power of two up to 64 and the sparse size is not 0,
