@@ -231,7 +231,8 @@ std::strong_ordering operator<=>(const MmuReplListTableEntry& a,
 }
 
 std::uint64_t Entry::digest() const {
-   std::uint64_t handles = absl::HashOf(std::size_t{0});
+   static const std::uint64_t kNoHandlesDigest = absl::HashOf(std::size_t{0});
+   std::uint64_t handles = kNoHandlesDigest;
    if (identity_) {
       if (!identity_->digestValid) {
          std::uint64_t h = absl::HashOf(identity_->handles.size());
