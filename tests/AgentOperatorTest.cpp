@@ -178,11 +178,26 @@ TEST_P(DryRunTest, PredictsTheRealRunAndWritesNothing) {
    EXPECT_EQ(keys("portagg"), config.value("portAggregation", Json::array()).size());
    EXPECT_EQ(keys("l2subport"), config.value("l2SubPorts", Json::array()).size());
 
-   // After the real run, another dry run keeps everything and would write nothing.
+   // After the real run, another dry run keeps everything and would write nothing, and
+   // finds every key where the first dry run said the real run would put it (the order in
+   // which new keys take indices does not depend on the process).
    const Json after = run(cfg, true);
    EXPECT_EQ(after["start"], "warm");
    EXPECT_EQ(after["totals"]["writes"], 0) << after.dump(1);
    EXPECT_EQ(after["totals"]["deletes"], 0) << after.dump(1);
+   for (const auto& [table, kinds] : dry["outcomes"].items()) {
+      std::map<std::string, Json> keptAt;
+      for (const Json& k : after["outcomes"][table].value("kept", Json::array())) {
+         keptAt[k["key"].get<std::string>()] = k["index"];
+      }
+      for (const char* kind : {"kept", "rewritten", "new"}) {
+         for (const Json& k : kinds.value(kind, Json::array())) {
+            const std::string key = k["key"].get<std::string>();
+            EXPECT_EQ(keptAt.count(key) ? keptAt[key] : Json(), k["index"])
+                << table << " " << key << " (" << kind << "): predicted at " << k["index"];
+         }
+      }
+   }
 }
 
 INSTANTIATE_TEST_SUITE_P(

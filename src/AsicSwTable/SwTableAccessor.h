@@ -23,6 +23,7 @@
 
 #include <absl/container/btree_map.h>
 #include <absl/container/flat_hash_map.h>
+#include <absl/container/flat_hash_set.h>
 #include <fmt/format.h>
 
 #include "Asic/Assert.h"
@@ -901,14 +902,22 @@ class SwTable::Accessor {
    void doInitComplete() {
       SWT_TRACE(9, "doInitComplete", "");
       swTable_->configReplayCompleteIs(true);
-      // Keys whose programming was held back during the replay.
+      // Keys whose programming was held back during the replay, in the order the replay
+      // held them back, so that they take their indices alike in every process (the order
+      // of the handle collection follows the process's hash seed and heap addresses): a dry
+      // run then places them where the real run will. Keys held back some other way follow.
       std::vector<Key> heldBack;
-      for (const auto& [key, eh] : swTable_->entryHandles()) {
+      absl::flat_hash_set<Key, SeededHash<Key, 0x27D4EB2Fu>> seen;
+      auto heldBackIs = [&](const Key& key, const EntryHandle* eh) {
          const auto* resolved = swTable_->resolvedEntry(key);
-         if (eh->entryState() == State::unresolved && resolved && resolved->has_value()) {
+         if (eh && eh->entryState() == State::unresolved && resolved && resolved->has_value() &&
+             seen.insert(key).second) {
             heldBack.push_back(key);
          }
-      }
+      };
+      for (const Key& key : swTable_->replayHeldBack()) heldBackIs(key, swTable_->entryHandle(key));
+      swTable_->replayHeldBackDelAll();
+      for (const auto& [key, eh] : swTable_->entryHandles()) heldBackIs(key, eh.get());
       for (const Key& key : heldBack) {
          EntryHandle* eh = swTable_->entryHandle(key);
          if (!eh) continue;
@@ -1164,6 +1173,7 @@ class SwTable::Accessor {
       };
       switch (status) {
          case Status::notReconciled:
+            swTable_->replayHeldBackIs(key);  // programmed at init complete
             return;
          case Status::reconciled:
             takeOverIndex(true);
@@ -1450,6 +1460,7 @@ class SwTableImpl : public Base {
       syncedEntries_.clear();
       syncedIndices_.clear();
       skippedStale_.clear();
+      replayHeldBackDelAll();
       if (auto* alloc = this->indexAllocator()) {
          ASIC_TRACE(SwTable::Accessor<Derived>::trace(), 6,
                     "Trying to delete shared allocator for table:{}", tableText());
@@ -1650,6 +1661,12 @@ class SwTableImpl : public Base {
    void syncedIndicesIs(Index index, std::vector<Index> indices) {
       syncedIndices_.insert_or_assign(index, std::move(indices));
    }
+   // Keys the replay held back (not reconciled: programmed at init complete), in the order
+   // it held them back; a key may appear more than once. Empty outside a replay.
+   const std::vector<Key>& replayHeldBack() const noexcept { return replayHeldBack_; }
+   void replayHeldBackIs(const Key& key) { replayHeldBack_.push_back(key); }
+   void replayHeldBackDelAll() { std::vector<Key>().swap(replayHeldBack_); }
+
    // Stale entries the purge left at indices of keys that will write over them (keys still
    // waiting for their needed entries), by index, with the key: deleted if the key goes, or
    // is written elsewhere, without writing over them. Usually empty.
@@ -1689,6 +1706,7 @@ class SwTableImpl : public Base {
    EntryHandleMap entryHandles_;
    UnresolvedEntryMap unresolvedEntries_;
    ResolvedEntryMap resolvedEntries_;
+   std::vector<Key> replayHeldBack_;
    LastFoundSlot<EntryHandleMap> handleFound_;
    LastFoundSlot<ResolvedEntryMap> resolvedFound_;
    SyncedEntryMap syncedEntries_;
