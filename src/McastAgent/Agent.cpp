@@ -716,14 +716,7 @@ class Run {
       if (!report_.warm) {
          // A cold start reconciles nothing (and counts nothing): every key is new.
          for (const auto& [where, owners] : byIndex) {
-            KeyOutcome o;
-            o.table = where.first;
-            o.kind = Kind::added;
-            o.status = static_cast<int>(Status::nothingToReconcile);
-            o.index = where.second;
-            for (const Owner& w : owners) o.key += (o.key.empty() ? "" : ", ") + w.name;
-            o.reason = "cold start: the chip held nothing";
-            report_.outcomes.push_back(std::move(o));
+            added(where, owners, Status::nothingToReconcile, "cold start: the chip held nothing");
          }
          return;
       }
@@ -788,15 +781,22 @@ class Run {
       }
       for (const auto& [where, owners] : byIndex) {
          if (seen.contains(where) || Asic::isExhausted(where.second)) continue;
-         KeyOutcome o;
-         o.table = where.first;
-         o.kind = Kind::added;
-         o.status = static_cast<int>(Status::notReconciled);
-         o.index = where.second;
-         for (const Owner& w : owners) o.key += (o.key.empty() ? "" : ", ") + w.name;
-         o.reason = addedReason(o.table, o.index, &owners.front());
-         report_.outcomes.push_back(std::move(o));
+         added(where, owners, Status::notReconciled,
+               addedReason(where.first, where.second, &owners.front()));
       }
+   }
+
+   // A key (or the keys sharing one index) programmed new at `where`.
+   void added(const std::pair<std::string, Asic::Index>& where, const std::vector<Owner>& owners,
+              Status status, std::string reason) {
+      KeyOutcome o;
+      o.table = where.first;
+      o.kind = KeyOutcome::Kind::added;
+      o.status = static_cast<int>(status);
+      o.index = where.second;
+      for (const Owner& w : owners) o.key += (o.key.empty() ? "" : ", ") + w.name;
+      o.reason = std::move(reason);
+      report_.outcomes.push_back(std::move(o));
    }
 
    // --- the audit of allocators against the hardware --------------------------------------
