@@ -43,17 +43,6 @@ const fs::path kExamples = EXAMPLES_DIR;
 
 class AgentOperatorTest : public ::testing::Test {
  protected:
-   AgentOperatorTest() {
-      std::string t = "/tmp/mcast-operator-test-XXXXXX";
-      if (!::mkdtemp(t.data())) throw std::runtime_error("mkdtemp failed");
-      base_ = t;
-      chip_ = base_ / "chip";  // created by the first real run
-   }
-   ~AgentOperatorTest() override {
-      std::error_code ec;
-      fs::remove_all(base_, ec);
-   }
-
    fs::path gen(int groups, int seed) {
       const Result r =
           agent({"gen", "--groups", std::to_string(groups), "--seed", std::to_string(seed)});
@@ -77,7 +66,9 @@ class AgentOperatorTest : public ::testing::Test {
       return agent(args);
    }
 
-   fs::path base_, chip_;
+   ChipSim::ScratchDir scratch_{"mcast-operator-test"};
+   const fs::path base_ = scratch_.path();
+   const fs::path chip_ = base_ / "chip";  // created by the first real run
 };
 
 // A dry run's per-key outcomes, counted by table and kind.

@@ -80,17 +80,7 @@ std::vector<std::string> lines(const std::string& text) {
 // "chip/" inside it. Removed with everything in it.
 class AgentProcessTest : public ::testing::Test {
  protected:
-   AgentProcessTest() {
-      std::string t = "/tmp/mcast-agent-test-XXXXXX";
-      if (!::mkdtemp(t.data())) throw std::runtime_error("mkdtemp failed");
-      base_ = t;
-      chip_ = base_ / "chip";
-      fs::create_directory(chip_);
-   }
-   ~AgentProcessTest() override {
-      std::error_code ec;
-      fs::remove_all(base_, ec);
-   }
+   AgentProcessTest() { fs::create_directory(chip_); }
 
    fs::path config(const std::string& name, const Json& json) {
       fs::path p = base_ / name;
@@ -124,7 +114,9 @@ class AgentProcessTest : public ::testing::Test {
       return parse(r);
    }
 
-   fs::path base_, chip_;
+   ChipSim::ScratchDir scratch_{"mcast-agent-test"};
+   const fs::path base_ = scratch_.path();
+   const fs::path chip_ = base_ / "chip";
 };
 
 std::uint64_t writes(const Json& report) { return report["totals"]["writes"].get<std::uint64_t>(); }

@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "AgentProcess.h"
+#include "ChipSim/ScratchDir.h"
 
 namespace AgentTest {
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <iostream>
 #include <string>
+#include <string_view>
 
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
@@ -44,6 +45,20 @@ int failed(const std::exception& e, int code) {
 
 void print(const nlohmann::json& j) { std::cout << j.dump(2) << "\n"; }
 
+// A run's report on stdout, and each key that did not end programmed on stderr ("<table>
+// <key> <verb> <state>"). False when there is such a key.
+bool printRunReport(const McastAgent::RunReport& report, bool json, std::string_view verb) {
+   if (json) {
+      print(report.toJson());
+   } else {
+      std::cout << report.toText();
+   }
+   for (const auto& f : report.failed) {
+      std::cerr << fmt::format("mcast_agent: {} {} {} {}\n", f.table, f.key, verb, f.state);
+   }
+   return report.failed.empty();
+}
+
 int runCommand(const std::string& configFile, const std::string& dir, bool json,
                ChipSim::FaultPlan faults, bool checkEveryWrite) {
    faults.observeWrites = checkEveryWrite;
@@ -55,15 +70,7 @@ int runCommand(const std::string& configFile, const std::string& dir, bool json,
    auto report = McastAgent::run(
        chip, config, {.progress = isatty(STDERR_FILENO) == 1, .checkEveryWrite = checkEveryWrite});
    report.phasesMs.insert(report.phasesMs.begin(), {"config", loadMs});
-   if (json) {
-      print(report.toJson());
-   } else {
-      std::cout << report.toText();
-   }
-   for (const auto& f : report.failed) {
-      std::cerr << fmt::format("mcast_agent: {} {} ended {}\n", f.table, f.key, f.state);
-   }
-   if (!report.failed.empty()) return kFailed;
+   if (!printRunReport(report, json, "ended")) return kFailed;
    return report.violationCount == 0 ? kOk : kFinding;
 }
 
@@ -76,15 +83,7 @@ int dryRunCommand(const std::string& configFile, const std::string& dir, bool js
    McastAgent::ChipMemories before(dir, {}, Access::copyOnWrite);
    const auto report =
        McastAgent::run(chip, config, {.progress = isatty(STDERR_FILENO) == 1, .before = &before});
-   if (json) {
-      print(report.toJson());
-   } else {
-      std::cout << report.toText();
-   }
-   for (const auto& f : report.failed) {
-      std::cerr << fmt::format("mcast_agent: {} {} would end {}\n", f.table, f.key, f.state);
-   }
-   return report.failed.empty() ? kOk : kFailed;
+   return printRunReport(report, json, "would end") ? kOk : kFailed;
 }
 
 int auditCommand(const std::string& dir, const std::string& configFile, bool json) {

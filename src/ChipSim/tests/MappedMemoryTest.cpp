@@ -20,6 +20,7 @@
 
 #include "Asic/EventLoop.h"
 #include "ChipSim/Chip.h"
+#include "ChipSim/ScratchDir.h"
 
 namespace ChipSim {
 namespace {
@@ -32,23 +33,7 @@ using Contents = std::map<Asic::Index, Words>;
 
 constexpr const char* kName = "MMU_REPL_LIST";
 
-// A fresh directory under /tmp, removed with everything in it.
-class TempDir {
- public:
-   TempDir() {
-      std::string t = "/tmp/chipsim-mapped-XXXXXX";
-      if (!::mkdtemp(t.data())) throw std::runtime_error("mkdtemp failed");
-      path_ = t;
-   }
-   ~TempDir() {
-      std::error_code ec;
-      fs::remove_all(path_, ec);
-   }
-   const fs::path& path() const { return path_; }
-
- private:
-   fs::path path_;
-};
+using TempDir = ChipSim::ScratchDir;
 
 Contents contentsOf(const Memory& mem) {
    Contents c;

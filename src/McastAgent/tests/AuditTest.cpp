@@ -16,6 +16,7 @@
 
 #include "ChipSim/NeighbourFormats.h"
 #include "ChipSim/ReplListFormat.h"
+#include "ChipSim/ScratchDir.h"
 #include "ChipSim/plugins/MmuReplHeadTableSimUtil.h"
 #include "McastAgent/Agent.h"
 #include "McastAgent/Walk.h"
@@ -84,16 +85,6 @@ const WalkedGroup& groupAt(const Walk& walk, std::uint32_t vrf, const char* addr
 }
 class AuditTest : public ::testing::Test {
  protected:
-   AuditTest() {
-      std::string t = "/tmp/mcast-audit-test-XXXXXX";
-      if (!::mkdtemp(t.data())) throw std::runtime_error("mkdtemp failed");
-      dir_ = t;
-   }
-   ~AuditTest() override {
-      std::error_code ec;
-      fs::remove_all(dir_, ec);
-   }
-
    RunReport runOn(const Config& cfg) {
       ChipMemories chip(dir_);
       RunReport r = run(chip, cfg);
@@ -105,7 +96,8 @@ class AuditTest : public ::testing::Test {
       return auditChip(chip);
    }
 
-   fs::path dir_;
+   ChipSim::ScratchDir scratch_{"mcast-audit-test"};
+   const fs::path dir_ = scratch_.path();
 };
 
 // Verify that a chip the agent programmed, cold and then warm with a changed
