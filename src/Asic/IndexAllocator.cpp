@@ -607,8 +607,8 @@ std::vector<Index> GenericIndexAllocator::extendIndicesForKey(const TypeDescript
    Impl& s = *impl_;
    std::uint32_t id = s.find(keyType, key);
    if (id == RecordSlab::kNone) {
-      throw std::invalid_argument(fmt::format("index allocator '{}': key {} owns no index to extend",
-                                              s.name, keyType.toString(key)));
+      throw std::invalid_argument(fmt::format(
+          "index allocator '{}': key {} owns no index to extend", s.name, keyType.toString(key)));
    }
    KeyRecord& record = s.slab.at(id);
    if (count == 0) return record.indices.toVector();

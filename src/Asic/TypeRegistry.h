@@ -7,10 +7,10 @@
 // name, namespace included), equality, a fmt::formatter, and either a member
 // `hash(std::uint32_t seed)` or an AbslHashValue overload.
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <concepts>
 #include <new>
 #include <string>
 #include <string_view>
@@ -39,10 +39,10 @@ struct TypeDescriptor {
 template <typename T>
 concept RegisteredType = (std::unsigned_integral<T> && !std::same_as<T, bool>) ||
                          requires(const T& t) {
-                            { T::kTypeName } -> std::convertible_to<std::string_view>;
-                            { t == t } -> std::convertible_to<bool>;
-                            {fmt::format("{}", t)};
-                         };
+   { T::kTypeName } -> std::convertible_to<std::string_view>;
+   { t == t } -> std::convertible_to<bool>;
+   {fmt::format("{}", t)};
+};
 
 template <RegisteredType T>
 constexpr std::string_view registeredTypeName() noexcept {

@@ -66,14 +66,8 @@ class SwTableEntryHandleT : public SwTable::EntryHandle {
    }
 
    // Hardware entries the key's block occupies (block tables that keep it on the handle).
-   std::uint32_t blockSize() const noexcept
-      requires kRecordsBlockSize
-   {
-      return state_.blockSize;
-   }
-   void blockSizeIs(std::uint32_t blockSize)
-      requires kRecordsBlockSize
-   {
+   std::uint32_t blockSize() const noexcept requires kRecordsBlockSize { return state_.blockSize; }
+   void blockSizeIs(std::uint32_t blockSize) requires kRecordsBlockSize {
       if (state_.blockSize == blockSize) return;
       state_.blockSize = blockSize;
       publish("blockSize");
@@ -262,23 +256,22 @@ class SwTable::Accessor {
    // programmed there. An index the allocator refuses is a std::invalid_argument naming the
    // table, the index and why, with nothing bound or written, unless the table's rule is
    // that the commit follows anyway (writeAtRefusedIndexCommits).
-   Ptr<EntryHandle> entryWriteAtIndex(Index index, const Key& key, const Entry& entry)
-      requires Policy::usesAllocator
-   {
+   Ptr<EntryHandle> entryWriteAtIndex(Index index, const Key& key,
+                                      const Entry& entry) requires Policy::usesAllocator {
       using Request = GenericIndexAllocator::RequestStatus;
       GenericIndexAllocator* alloc = swTable_->indexAllocator();
       if (!alloc) {
-         throw std::logic_error(fmt::format(
-             "{}: entryWriteAtIndex({}) before the table's allocator is created", T::kTypeName,
-             index));
+         throw std::logic_error(
+             fmt::format("{}: entryWriteAtIndex({}) before the table's allocator is created",
+                         T::kTypeName, index));
       }
       entryValidate(entry);  // before the index changes hands
       const Request status = Policy::bind(*this, index, key);
       if (status != Request::assigned && status != Request::alreadyOwned) {
          if constexpr (!Trait::writeAtRefusedIndexCommits<T>) {
-            throw std::invalid_argument(fmt::format("{}: entryWriteAtIndex: index {} for key {}: {}",
-                                                    T::kTypeName, index, key,
-                                                    GenericIndexAllocator::toString(status)));
+            throw std::invalid_argument(
+                fmt::format("{}: entryWriteAtIndex: index {} for key {}: {}", T::kTypeName, index,
+                            key, GenericIndexAllocator::toString(status)));
          }
          SWT_TRACE(5, "entryWriteAtIndex", ": index {} refused ({}), key {} takes the allocator's",
                    index, GenericIndexAllocator::toString(status), key);
@@ -1376,9 +1369,8 @@ class SwTableImpl : public Base {
       return accessor().entryWriteAtIndex(index, key, entry);
    }
    // Tables whose entry is its own key.
-   Ptr<const EntryHandle> entryWriteAtIndex(Index index, const Entry& entry)
-      requires std::is_same_v<KeyT, EntryT>
-   {
+   Ptr<const EntryHandle> entryWriteAtIndex(
+       Index index, const Entry& entry) requires std::is_same_v<KeyT, EntryT> {
       return accessor().entryWriteAtIndex(index, entry, entry);
    }
    Ptr<const EntryHandle> entryWontProgram(const Key& key) {

@@ -8,8 +8,8 @@
 //
 // The policies' functions take the table's accessor (`a`), of which they are friends.
 
-#include <cstddef>
 #include <concepts>
+#include <cstddef>
 #include <exception>
 #include <optional>
 #include <type_traits>
@@ -427,10 +427,10 @@ struct ConsecutiveRun {
       std::uint32_t blockSize = 0;
    };
    template <typename T>
-   static constexpr bool fits = Trait::getBlockSizeDefinedByUser<T> &&
-                                requires(const typename T::Key& key, Index offset) {
-                                   { key.entry(offset) } -> std::same_as<typename T::SyncedEntry>;
-                                };
+   static constexpr bool fits =
+       Trait::getBlockSizeDefinedByUser<T>&& requires(const typename T::Key& key, Index offset) {
+      { key.entry(offset) } -> std::same_as<typename T::SyncedEntry>;
+   };
    template <typename T>
    using UtilBase = SwTableUtilRunT<T>;
 
@@ -445,8 +445,8 @@ struct ConsecutiveRun {
    template <typename A>
    static Indices acquire(A& a, const typename A::Key& key, const typename A::Entry&) {
       const std::uint32_t size = key.getBlockSize();
-      const auto indices = a.allocator()->newIndicesForKey(A::keyType(), &key, size,
-                                                           a.allocatorUser());
+      const auto indices =
+          a.allocator()->newIndicesForKey(A::keyType(), &key, size, a.allocatorUser());
       if (indices.empty()) return {};
       return {indices.front(), static_cast<std::uint32_t>(indices.size())};
    }
@@ -468,8 +468,7 @@ struct ConsecutiveRun {
       if (index >= alloc->numEntries() || size > alloc->numEntries() - index) {
          return Status::outOfRange;
       }
-      return alloc->recoverIndicesForKey(runOf(index, size), A::keyType(), &key,
-                                         a.allocatorUser())
+      return alloc->recoverIndicesForKey(runOf(index, size), A::keyType(), &key, a.allocatorUser())
                  ? Status::assigned
                  : Status::indexTaken;
    }
@@ -561,8 +560,8 @@ struct ConsecutiveRun {
    template <typename A>
    static void suggestDown(A& a, const typename A::Entry& swValue, Index base) {
       const std::uint32_t size = swValue.getBlockSize();
-      SWT_POLICY_TRACE(a, 8, "suggestIndexToNeededTable", ": entryBlock:{}, baseIndex:{}, blockSize:{}",
-                       swValue, base, size);
+      SWT_POLICY_TRACE(a, 8, "suggestIndexToNeededTable",
+                       ": entryBlock:{}, baseIndex:{}, blockSize:{}", swValue, base, size);
       typename A::Entry synced;
       for (std::uint32_t o = 0; o < size; ++o) {
          if (const auto* hw = a.swTable_->syncedEntry(base + o)) synced.entryIs(o, *hw);
@@ -663,8 +662,7 @@ struct KeyIsIndex : SingleIndex {
          }
          util->updateHwIndexRefCountTracker(table.hwTable(), index, IndexUserTracker::released);
          util->hwTableEntryDel(table, index);
-         SWT_POLICY_TRACE(a, 8, "handleStaleEntries", ": Deleting stale hwEntry for key:{}",
-                          index);
+         SWT_POLICY_TRACE(a, 8, "handleStaleEntries", ": Deleting stale hwEntry for key:{}", index);
          table.updateStatistic(Status::staleEntryDeleted, index);
       }
    }

@@ -13,9 +13,7 @@ Asic::Ptr<Asic::GenericIndexAllocator> l3IpmcSharedAllocatorFactory(std::string 
    return Asic::sharedAllocatorFactory<L3IpmcSharedAllocator>(std::move(name));
 }
 
-void registerL3IpmcSharedAllocator() {
-   Asic::registerSharedAllocator<L3IpmcSharedAllocator>();
-}
+void registerL3IpmcSharedAllocator() { Asic::registerSharedAllocator<L3IpmcSharedAllocator>(); }
 
 namespace {
 [[maybe_unused]] const bool kRegistered = (registerL3IpmcSharedAllocator(), true);

@@ -46,8 +46,7 @@ class MmuReplHeadTableEntry {
    std::uint32_t ipmcIndex = 0;
 
    // Identity leaves headPtr out: an unresolved entry and its resolved copy are one entry.
-   friend bool operator==(const MmuReplHeadTableEntry& a,
-                          const MmuReplHeadTableEntry& b) noexcept {
+   friend bool operator==(const MmuReplHeadTableEntry& a, const MmuReplHeadTableEntry& b) noexcept {
       return (a <=> b) == 0;
    }
    friend std::strong_ordering operator<=>(const MmuReplHeadTableEntry& a,
@@ -141,10 +140,9 @@ class MmuReplHeadAllocator : public Asic::AnySizedBlockAllocator {
 
 class MmuReplHeadTableUtil;
 
-class MmuReplHeadTable
-    : public Asic::SwTableImpl<MmuReplHeadTable, MmuReplHeadTableEntryBlock,
-                               MmuReplHeadTableEntryBlock, MmuReplHeadTableUtil,
-                               MmuReplHeadTableEntry> {
+class MmuReplHeadTable : public Asic::SwTableImpl<MmuReplHeadTable, MmuReplHeadTableEntryBlock,
+                                                  MmuReplHeadTableEntryBlock, MmuReplHeadTableUtil,
+                                                  MmuReplHeadTableEntry> {
  public:
    static constexpr std::string_view kTypeName = "VelmarMcast::MmuReplHeadTable";
    using EntryBlock = MmuReplHeadTableEntryBlock;
@@ -216,8 +214,7 @@ struct fmt::formatter<VelmarMcast::MmuReplHeadTableEntry> : fmt::formatter<std::
    }
 };
 template <>
-struct fmt::formatter<VelmarMcast::MmuReplHeadTableEntryBlock>
-    : fmt::formatter<std::string_view> {
+struct fmt::formatter<VelmarMcast::MmuReplHeadTableEntryBlock> : fmt::formatter<std::string_view> {
    auto format(const VelmarMcast::MmuReplHeadTableEntryBlock& b, format_context& ctx) const {
       return fmt::formatter<std::string_view>::format(b.toString(), ctx);
    }

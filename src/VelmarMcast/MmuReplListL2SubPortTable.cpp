@@ -2,6 +2,7 @@
 
 namespace VelmarMcast {
 namespace {
-[[maybe_unused]] const bool kLibraryLoaded = Asic::SwTableLibrary<MmuReplListL2SubPortTable>::load();
+[[maybe_unused]] const bool kLibraryLoaded =
+    Asic::SwTableLibrary<MmuReplListL2SubPortTable>::load();
 }  // namespace
 }  // namespace VelmarMcast

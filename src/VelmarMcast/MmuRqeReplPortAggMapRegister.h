@@ -82,8 +82,7 @@ class MmuRqeReplPortAggMapRegister
 // Hardware hooks of the register; the chip's plug-in implements the pure ones.
 class MmuRqeReplPortAggMapRegisterUtil : public Asic::SwTableUtilT<MmuRqeReplPortAggMapRegister> {
  public:
-   static constexpr std::string_view kTypeName =
-       "VelmarMcast::MmuRqeReplPortAggMapRegister::Util";
+   static constexpr std::string_view kTypeName = "VelmarMcast::MmuRqeReplPortAggMapRegister::Util";
    explicit MmuRqeReplPortAggMapRegisterUtil(std::string name) : SwTableUtilT(std::move(name)) {}
 
    // The indices the chip's register array has.
@@ -100,8 +99,7 @@ inline Asic::Ptr<MmuRqeReplPortAggMapRegister> mmuRqeReplPortAggMapRegisterFacto
 template <>
 struct fmt::formatter<VelmarMcast::MmuRqeReplPortAggMapRegisterEntry>
     : fmt::formatter<std::string_view> {
-   auto format(const VelmarMcast::MmuRqeReplPortAggMapRegisterEntry& e,
-               format_context& ctx) const {
+   auto format(const VelmarMcast::MmuRqeReplPortAggMapRegisterEntry& e, format_context& ctx) const {
       return fmt::formatter<std::string_view>::format(e.toString(), ctx);
    }
 };

@@ -121,8 +121,8 @@ class MmuReplHeadTableTest : public ::testing::Test {
    // Every software object goes, the chip stays; the new tables read it back.
    void restart() {
       loop_.runUntilIdle();
-      for (auto* t : {static_cast<Asic::SwTable*>(heads_.get()),
-                      static_cast<Asic::SwTable*>(lists_.get())}) {
+      for (auto* t :
+           {static_cast<Asic::SwTable*>(heads_.get()), static_cast<Asic::SwTable*>(lists_.get())}) {
          t->hwTableIs(nullptr);
       }
       heads_->utilIs(nullptr);
@@ -162,8 +162,8 @@ class MmuReplHeadTableTest : public ::testing::Test {
                std::uint32_t ipmc) {
       Block b;
       for (std::size_t o = 0; o < lists.size(); ++o) {
-         b.entryIs(o, HeadEntry(lists[o], static_cast<std::uint16_t>(o + 1), Speed::speed100Gbps,
-                                ipmc));
+         b.entryIs(
+             o, HeadEntry(lists[o], static_cast<std::uint16_t>(o + 1), Speed::speed100Gbps, ipmc));
       }
       return b;
    }
