@@ -356,7 +356,7 @@ class SwTable::Accessor {
                        "function should not have been called");
       RefCounted::Pin pin(ue);
       const Key key = ue->key();
-      resolve(key, ue->entry(), true);
+      resolve(key, ue->entry());
    }
 
    // Every entry the value needs is usable already: the value resolves at once, and the
@@ -373,7 +373,7 @@ class SwTable::Accessor {
    void resolveAtOnce(const Key& key, const Entry& entry) {
       SWT_TRACE(6, "initUnresolvedEntry", ": key:{}", key);
       forgetSuggestions(key);
-      resolve(key, entry, false);
+      resolve(key, entry);
    }
 
    // A new value makes earlier suggestions for the key meaningless.
@@ -385,7 +385,7 @@ class SwTable::Accessor {
 
    // The value's needed entries are all usable: its dependent fields are filled in and it
    // becomes the key's resolved value (programmed if it changed).
-   void resolve(const Key& key, const Entry& entry, bool hasUnresolved) {
+   void resolve(const Key& key, const Entry& entry) {
       EntryHandle* eh = swTable_->entryHandle(key);
       // Every needed entry is usable now: a failure reported earlier is over.
       if (eh && eh->entryState() == State::failedNeededEntry) eh->entryStateIs(State::unresolved);
@@ -397,7 +397,7 @@ class SwTable::Accessor {
       if constexpr (Trait::hasResolvedEntryMetaData<T>) swTable_->setResolvedEntryMetaData(value);
       SWT_TRACE(6, "doResolve", ": key:{}", key);
       bool changed = setResolvedEntry(key, std::move(value));
-      if (hasUnresolved) swTable_->unresolvedEntryDel(key);
+      swTable_->unresolvedEntryDel(key);
       // An equal value programs nothing; tell the client where its key already stands
       // rather than leaving it at the `unresolved` of its commit.
       eh = swTable_->entryHandle(key);
