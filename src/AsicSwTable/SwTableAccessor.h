@@ -355,7 +355,7 @@ class SwTable::Accessor {
       ASIC_ASSERT_TEXT(ue->neededEntryHandleSms() == 0, "ue->neededEntryHandleSms() == 0",
                        "function should not have been called");
       RefCounted::Pin pin(ue);
-      const Key key = ue->key();
+      const Key& key = ue->key();  // the pin keeps it alive
       resolve(key, ue->entry());
    }
 
@@ -645,7 +645,7 @@ class SwTable::Accessor {
       // Already waiting for the hardware to confirm its delete.
       if (eh->entryType() == EntryType::inDeletion) return;
       RefCounted::Pin pin(eh);
-      const Key key = eh->key();
+      const Key& key = eh->key();  // the pin keeps it alive
       eh->doAmendReferences();
       SWT_TRACE(6, "cleanup", " : entryhandle cleanup, eh : {}, key :{}, refCnt:{}", fmt::ptr(eh),
                 key, eh->refCount());
@@ -687,9 +687,9 @@ class SwTable::Accessor {
          eh->entryStateIs(rs);
          return;
       }
-      const Key key = eh->key();
-      ASIC_ASSERT_TEXT(swTable_->entryHandle(key) == eh, "swTable_->entryHandleHas( key )", "");
       RefCounted::Pin pin(eh);
+      const Key& key = eh->key();  // the pin keeps the handle, and so its key
+      ASIC_ASSERT_TEXT(swTable_->entryHandle(key) == eh, "swTable_->entryHandleHas( key )", "");
       const auto* resolved = swTable_->resolvedEntry(key);
       if (!resolved || !resolved->has_value()) {
          ASIC_ASSERT_TEXT(rs == State::success, "resolvedEntryState == success()", "");

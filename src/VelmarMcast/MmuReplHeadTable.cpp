@@ -62,15 +62,47 @@ MmuReplHeadTableEntryBlock::MmuReplHeadTableEntryBlock(Asic::CharRange&) {
                     "");
 }
 
-std::size_t MmuReplHeadTableEntryBlock::hash(std::uint32_t seed) const {
-   std::size_t h = absl::HashOf(seed, entryInternal_.size());
-   for (const auto& [offset, entry] : entryInternal_) h = absl::HashOf(h, offset, entry.hash(seed));
-   return h;
+const MmuReplHeadTableEntryBlock::EntryMap MmuReplHeadTableEntryBlock::kNoEntries;
+
+MmuReplHeadTableEntryBlock::Body& MmuReplHeadTableEntryBlock::bodyForChange() {
+   if (!body_) {
+      body_ = Asic::makePtr<Body>();
+   } else if (body_->refCount() > 1) {
+      auto copy = Asic::makePtr<Body>();
+      copy->entries = body_->entries;
+      body_ = std::move(copy);
+   }
+   body_->digestValid = false;
+   return *body_;
+}
+
+std::uint64_t MmuReplHeadTableEntryBlock::digest() const noexcept {
+   static const std::uint64_t kNoEntriesDigest = absl::HashOf(std::size_t{0});
+   if (!body_) return kNoEntriesDigest;
+   if (!body_->digestValid) {
+      std::uint64_t h = absl::HashOf(body_->entries.size());
+      for (const auto& [offset, entry] : body_->entries) h = absl::HashOf(h, offset, entry.hash(0));
+      body_->digest = h;
+      body_->digestValid = true;
+   }
+   return body_->digest;
+}
+
+void MmuReplHeadTableEntryBlock::headPtrsResolve() {
+   if (!body_) return;
+   const bool digestValid = body_->digestValid;
+   const std::uint64_t digest = body_->digest;
+   Body& body = bodyForChange();
+   for (auto& [offset, entry] : body.entries) {
+      if (entry.headPtrHandle) entry.headPtr = entry.headPtrHandle->hwIndexForDependentField();
+   }
+   body.digest = digest;
+   body.digestValid = digestValid;
 }
 
 std::string MmuReplHeadTableEntryBlock::toString() const {
    std::string out = "{";
-   for (const auto& [offset, entry] : entryInternal_) {
+   for (const auto& [offset, entry] : entryInternal()) {
       if (out.size() > 1) out += ", ";
       fmt::format_to(std::back_inserter(out), "{}: {}", offset, entry);
    }
@@ -89,10 +121,6 @@ void MmuReplHeadTable::entryValidate(const EntryBlock& block) {
    }
 }
 
-void MmuReplHeadTable::resolveDependentFields(EntryBlock& block) {
-   for (auto& [offset, entry] : block.entryInternalMutable()) {
-      if (entry.headPtrHandle) entry.headPtr = entry.headPtrHandle->hwIndexForDependentField();
-   }
-}
+void MmuReplHeadTable::resolveDependentFields(EntryBlock& block) { block.headPtrsResolve(); }
 
 }  // namespace VelmarMcast

@@ -18,6 +18,7 @@
 #include "Asic/CharRange.h"
 #include "Asic/EntryBase.h"
 #include "Asic/IndexAllocator.h"
+#include "Asic/RefCounted.h"
 #include "AsicSwTable/SwTableAccessor.h"
 #include "Interface/EthSpeed.h"
 
@@ -83,23 +84,28 @@ class MmuReplHeadTableEntryBlock : public Asic::EntryBase {
 
    // The entry at the offset, or the default entry (nothing inserted) when absent.
    Entry entry(Asic::Index offset) const {
-      auto it = entryInternal_.find(offset);
-      return it == entryInternal_.end() ? Entry{} : it->second;
+      const EntryMap& entries = entryInternal();
+      auto it = entries.find(offset);
+      return it == entries.end() ? Entry{} : it->second;
    }
-   bool entryHas(Asic::Index offset) const { return entryInternal_.contains(offset); }
+   bool entryHas(Asic::Index offset) const { return entryInternal().contains(offset); }
    void entryIs(Asic::Index offset, const Entry& entry) { entryInternalIs(offset, entry); }
    void entryInternalIs(Asic::Index offset, const Entry& entry) {
-      entryInternal_.insert_or_assign(offset, entry);
+      bodyForChange().entries.insert_or_assign(offset, entry);
    }
    void entryDel(Asic::Index offset) { entryInternalDel(offset); }
-   void entryInternalDel(Asic::Index offset) { entryInternal_.erase(offset); }
-   void entryInternalDelAll() noexcept { entryInternal_.clear(); }
-   const EntryMap& entryInternal() const noexcept { return entryInternal_; }
-   // The engine fills each entry's headPtr at resolution.
-   EntryMap& entryInternalMutable() noexcept { return entryInternal_; }
+   void entryInternalDel(Asic::Index offset) {
+      if (entryHas(offset)) bodyForChange().entries.erase(offset);  // a shared body stays shared
+   }
+   void entryInternalDelAll() noexcept { body_.reset(); }
+   const EntryMap& entryInternal() const noexcept { return body_ ? body_->entries : kNoEntries; }
+   EntryMap& entryInternalMutable() { return bodyForChange().entries; }
+   // Fills each entry's headPtr from its handle (resolution). The head pointer is not part
+   // of what the block is, so the block keeps its digest.
+   void headPtrsResolve();
 
    std::uint32_t getBlockSize() const override {
-      return static_cast<std::uint32_t>(entryInternal_.size());
+      return static_cast<std::uint32_t>(entryInternal().size());
    }
    // The size the client means; the entry count unless stated.
    std::uint32_t blockSize() const noexcept {
@@ -107,26 +113,42 @@ class MmuReplHeadTableEntryBlock : public Asic::EntryBase {
    }
    void blockSizeIs(std::uint32_t blockSize) noexcept { statedSize_ = blockSize + 1; }
 
-   explicit operator bool() const noexcept { return !entryInternal_.empty(); }
+   explicit operator bool() const noexcept { return !entryInternal().empty(); }
 
    friend bool operator==(const MmuReplHeadTableEntryBlock& a,
                           const MmuReplHeadTableEntryBlock& b) noexcept {
-      return &a == &b || a.entryInternal_ == b.entryInternal_;
+      if (&a == &b || a.body_ == b.body_) return true;  // one body: copies of one block
+      if (a.digest() != b.digest()) return false;
+      return a.entryInternal() == b.entryInternal();
    }
    friend std::strong_ordering operator<=>(const MmuReplHeadTableEntryBlock& a,
                                            const MmuReplHeadTableEntryBlock& b) noexcept {
-      if (&a == &b) return std::strong_ordering::equal;
-      return std::lexicographical_compare_three_way(
-          a.entryInternal_.begin(), a.entryInternal_.end(), b.entryInternal_.begin(),
-          b.entryInternal_.end());
+      if (&a == &b || a.body_ == b.body_) return std::strong_ordering::equal;
+      const EntryMap& ea = a.entryInternal();
+      const EntryMap& eb = b.entryInternal();
+      return std::lexicographical_compare_three_way(ea.begin(), ea.end(), eb.begin(), eb.end());
    }
-   std::size_t hash(std::uint32_t seed) const;
+   std::size_t hash(std::uint32_t seed) const { return absl::HashOf(seed, digest()); }
 
    // "{0: {...}, 1: {...}}"
    std::string toString() const;
 
  private:
-   EntryMap entryInternal_;
+   // The entries, shared by every copy of the block: a block is the key of the handles, the
+   // resolved and unresolved values and the allocator, and is looked up at every step of its
+   // programming. Copies share one body (and compare equal by pointer); a shared body is
+   // never changed: the first change to one copies it.
+   struct Body : Asic::RefCounted {
+      EntryMap entries;
+      // Seed-free hash of the entries, kept with them.
+      mutable std::uint64_t digest = 0;
+      mutable bool digestValid = false;
+   };
+   static const EntryMap kNoEntries;
+   Body& bodyForChange();
+   std::uint64_t digest() const noexcept;
+
+   Asic::Ptr<Body> body_;          // null: no entries
    std::uint32_t statedSize_ = 0;  // stated size + 1; 0 when none was stated
 };
 

@@ -1,5 +1,6 @@
 #include "VelmarMcast/MmuReplListEntry.h"
 
+#include <algorithm>
 #include <cmath>
 #include <iterator>
 #include <stdexcept>
@@ -141,6 +142,31 @@ void Entry::denseEntrySizeIs(std::uint8_t size) {
                       kTypeName, size, kDenseEntrySizeMax));
    }
    denseEntrySize_ = size;
+}
+
+void Entry::egressObjectsIs(EgressObjectMap::sequence_type objects) {
+   auto byIndex = [](const auto& a, const auto& b) { return a.first < b.first; };
+   if (objects.size() <= 32) {
+      // Insertion sort: stable and without the buffer std::stable_sort allocates.
+      for (auto it = objects.begin(); it != objects.end(); ++it) {
+         for (auto at = it; at != objects.begin() && byIndex(*at, *std::prev(at)); --at) {
+            std::iter_swap(at, std::prev(at));
+         }
+      }
+   } else {
+      std::stable_sort(objects.begin(), objects.end(), byIndex);
+   }
+   // Keep the last of each run of one index.
+   auto out = objects.begin();
+   for (auto it = objects.begin(); it != objects.end(); ++it) {
+      auto next = std::next(it);
+      if (next != objects.end() && next->first == it->first) continue;
+      if (out != it) *out = std::move(*it);
+      ++out;
+   }
+   objects.erase(out, objects.end());
+   derived().egressObject.adopt_sequence(boost::container::ordered_unique_range,
+                                         std::move(objects));
 }
 
 PortList Entry::egressObject(std::uint32_t index) const {

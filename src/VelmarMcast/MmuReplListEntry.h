@@ -12,7 +12,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -68,8 +67,9 @@ class MmuReplListTableEntry : public Asic::EntryBase {
    // that holds its key.
    using EgressObjectHandleMap = boost::container::flat_map<EntryHandlePtr, PortList, ByAddress>;
    using EgressObjectMap = boost::container::flat_map<std::uint32_t, PortList>;
-   using SparseReplListEntryMap = std::map<SparseReplListEntry, bool>;
-   using DenseReplListEntryMap = std::map<DenseReplListEntry, bool>;
+   // The layout adds hardware entries in order, so a sorted vector takes each at its end.
+   using SparseReplListEntryMap = boost::container::flat_map<SparseReplListEntry, bool>;
+   using DenseReplListEntryMap = boost::container::flat_map<DenseReplListEntry, bool>;
 
    MmuReplListTableEntry() = default;
    // There is no text form to read back: always fails an assertion.
@@ -119,6 +119,9 @@ class MmuReplListTableEntry : public Asic::EntryBase {
    void egressObjectIs(std::uint32_t index, PortList ports) {
       derived().egressObject.insert_or_assign(index, std::move(ports));
    }
+   // Every resolved egress object at once, in any order, replacing those there were. Of two
+   // at one index the later stays, as with egressObjectIs one by one.
+   void egressObjectsIs(EgressObjectMap::sequence_type objects);
    void egressObjectDel(std::uint32_t index) {
       if (derived_) derived_->egressObject.erase(index);
    }

@@ -33,12 +33,14 @@ void MmuReplListTable::entryValidate(const Entry& entry) {
 }
 
 void MmuReplListTable::resolveDependentFields(Entry& entry) {
-   entry.egressObjectDelAll();
    entry.sparseReplListEntryDelAll();
    entry.denseReplListEntryDelAll();
+   Entry::EgressObjectMap::sequence_type objects;
+   objects.reserve(entry.egressObjectHandles().size());
    for (const auto& [eh, ports] : entry.egressObjectHandles()) {
-      entry.egressObjectIs(eh->hwIndexForDependentField(), ports);
+      objects.emplace_back(eh->hwIndexForDependentField(), ports);
    }
+   entry.egressObjectsIs(std::move(objects));
 }
 
 std::vector<Asic::Index> MmuReplListTable::hwIndices(const Entry& entry) const {
