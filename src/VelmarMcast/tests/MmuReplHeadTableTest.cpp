@@ -59,6 +59,45 @@ TEST(MmuReplHeadEntryTest, IdentityLeavesHeadPtrOutAndBlocksCompareByMembers) {
    EXPECT_EQ(list->refCount(), before - 1);
 }
 
+// Copies of a block share its entries until one changes: a change, resolution included,
+// never reaches another copy, and the copies' equality and hash follow what they hold.
+TEST(MmuReplHeadEntryTest, CopiesOfABlockNeverSeeEachOthersChanges) {
+   auto list = testEntryHandle(40, State::success);
+   Block original;
+   original.entryIs(0, HeadEntry(list, 3, Speed::speed100Gbps, 7));
+   original.entryIs(1, HeadEntry(list, 5, Speed::speed400Gbps, 7));
+   const std::size_t hash = original.hash(9);
+
+   Block resolved = original;
+   MmuReplHeadTable::resolveDependentFields(resolved);
+   EXPECT_EQ(resolved.entry(0).headPtr, 40u);
+   EXPECT_EQ(original.entry(0).headPtr, 0u);
+   EXPECT_EQ(resolved, original);  // the head pointer is not what the block is
+   EXPECT_EQ(resolved.hash(9), hash);
+
+   Block changed = original;
+   changed.entryIs(1, HeadEntry(list, 6, Speed::speed400Gbps, 7));
+   EXPECT_NE(changed, original);
+   EXPECT_NE(changed.hash(9), hash);
+   EXPECT_EQ(original.entry(1).numNextHops, 5u);
+   EXPECT_EQ(original.hash(9), hash);
+
+   Block fewer = original;
+   fewer.entryDel(1);
+   fewer.entryDel(7);  // absent: nothing changes
+   EXPECT_EQ(fewer.getBlockSize(), 1u);
+   EXPECT_EQ(original.getBlockSize(), 2u);
+   EXPECT_LT(fewer, original);
+
+   // Equal contents built apart are equal, with one hash, whatever their bodies.
+   Block apart;
+   apart.entryIs(1, HeadEntry(list, 5, Speed::speed400Gbps, 7));
+   apart.entryIs(0, HeadEntry(list, 3, Speed::speed100Gbps, 7));
+   EXPECT_EQ(apart, original);
+   EXPECT_EQ(apart.hash(9), hash);
+   EXPECT_EQ(apart <=> original, std::strong_ordering::equal);
+}
+
 TEST(MmuReplHeadEntryTest, TextFormReadsBackAndNamesTheFieldAtFault) {
    HeadEntry e(nullptr, 12, Speed::speed25Gbps, 300);
    e.headPtr = 41;
