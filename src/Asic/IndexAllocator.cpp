@@ -383,9 +383,12 @@ struct GenericIndexAllocator::Impl {
    RecordSlab slab;
    absl::flat_hash_set<KeySlot, KeySlotHash, KeySlotEq> keys;
 
-   std::uint32_t find(const TypeDescriptor& type, const void* key) const {
-      auto it = keys.find(KeyRef(type, key));
+   std::uint32_t find(const KeyRef& ref) const {
+      auto it = keys.find(ref);
       return it == keys.end() ? RecordSlab::kNone : it->id;
+   }
+   std::uint32_t find(const TypeDescriptor& type, const void* key) const {
+      return find(KeyRef(type, key));
    }
    // The table a call is made for: null stands for the allocator's own table.
    const void* userOf(const void* user) const noexcept { return user ? user : table; }
@@ -409,8 +412,8 @@ struct GenericIndexAllocator::Impl {
 
    // Binds free indices to a new key. Everything that can throw happens before the
    // indices change hands.
-   void bind(const TypeDescriptor& type, const void* key, const Index* indices, std::uint32_t count,
-             const void* user) {
+   // `ref` is the key as the caller looked it up: its hash is not computed twice.
+   void bind(const KeyRef& ref, const Index* indices, std::uint32_t count, const void* user) {
       for (std::uint32_t i = 0; i < count; ++i) {
          ASIC_ASSERT_MSG(isRecoverableSlot(indices[i]),
                          "allocator picked an index that is not free");
@@ -418,10 +421,10 @@ struct GenericIndexAllocator::Impl {
       std::uint32_t id = slab.acquire();
       try {
          KeyRecord& record = slab.at(id);
-         record.key = GenericValue(type, key);
+         record.key = GenericValue(*ref.type, ref.value);
          record.indices.assign(indices, count);
          record.users.pushBack(userOf(user));
-         keys.insert(KeySlot{id, hashKey(type, key)});
+         keys.insert(KeySlot{id, ref.hash});
       } catch (...) {
          slab.release(id);
          throw;
@@ -521,14 +524,15 @@ void GenericIndexAllocator::reserveIndices(Index first, Index last) {
 Index GenericIndexAllocator::newIndexForKey(const TypeDescriptor& keyType, const void* key,
                                             const void* user) {
    Impl& s = *impl_;
-   if (std::uint32_t id = s.find(keyType, key); id != RecordSlab::kNone) {
+   const KeyRef ref(keyType, key);
+   if (std::uint32_t id = s.find(ref); id != RecordSlab::kNone) {
       KeyRecord& record = s.slab.at(id);
       s.addUser(record, user);
       return record.indices.front();
    }
    std::vector<Index> picked = pickIndices(1);
    if (picked.size() != 1) return invalidIndex;
-   s.bind(keyType, key, picked.data(), 1, user);
+   s.bind(ref, picked.data(), 1, user);
    return picked.front();
 }
 
@@ -551,8 +555,9 @@ std::string_view GenericIndexAllocator::toString(RequestStatus status) noexcept 
 GenericIndexAllocator::RequestStatus GenericIndexAllocator::requestIndexForKey(
     Index index, const TypeDescriptor& keyType, const void* key, const void* user) {
    Impl& s = *impl_;
+   const KeyRef ref(keyType, key);
    if (index >= s.numEntries) return RequestStatus::outOfRange;
-   if (std::uint32_t id = s.find(keyType, key); id != RecordSlab::kNone) {
+   if (std::uint32_t id = s.find(ref); id != RecordSlab::kNone) {
       KeyRecord& record = s.slab.at(id);
       if (record.indices.size() != 1 || record.indices.front() != index) {
          return RequestStatus::keyHasOther;
@@ -561,15 +566,16 @@ GenericIndexAllocator::RequestStatus GenericIndexAllocator::requestIndexForKey(
       return RequestStatus::alreadyOwned;
    }
    if (s.owner[index] != kFreeSlot) return RequestStatus::indexTaken;
-   s.bind(keyType, key, &index, 1, user);
+   s.bind(ref, &index, 1, user);
    return RequestStatus::assigned;
 }
 
 bool GenericIndexAllocator::recoverIndexForKey(Index index, const TypeDescriptor& keyType,
                                                const void* key, const void* user) {
    Impl& s = *impl_;
-   if (!s.isRecoverableSlot(index) || s.find(keyType, key) != RecordSlab::kNone) return false;
-   s.bind(keyType, key, &index, 1, user);
+   const KeyRef ref(keyType, key);
+   if (!s.isRecoverableSlot(index) || s.find(ref) != RecordSlab::kNone) return false;
+   s.bind(ref, &index, 1, user);
    return true;
 }
 
@@ -584,7 +590,8 @@ std::vector<Index> GenericIndexAllocator::newIndicesForKey(const TypeDescriptor&
                                                            const void* key, std::uint32_t blockSize,
                                                            const void* user) {
    Impl& s = *impl_;
-   if (std::uint32_t id = s.find(keyType, key); id != RecordSlab::kNone) {
+   const KeyRef ref(keyType, key);
+   if (std::uint32_t id = s.find(ref); id != RecordSlab::kNone) {
       KeyRecord& record = s.slab.at(id);
       s.addUser(record, user);
       return record.indices.toVector();
@@ -597,7 +604,7 @@ std::vector<Index> GenericIndexAllocator::newIndicesForKey(const TypeDescriptor&
    if (blockSize > s.freeSpace.freeCount()) return {};
    std::vector<Index> picked = pickIndices(blockSize);
    if (picked.size() != blockSize) return {};
-   s.bind(keyType, key, picked.data(), blockSize, user);
+   s.bind(ref, picked.data(), blockSize, user);
    return picked;
 }
 
@@ -635,15 +642,16 @@ bool GenericIndexAllocator::recoverIndicesForKey(const std::vector<Index>& indic
                                                  const TypeDescriptor& keyType, const void* key,
                                                  const void* user) {
    Impl& s = *impl_;
+   const KeyRef ref(keyType, key);
    if (indices.empty() || indices.size() > s.numEntries) return false;
-   if (s.find(keyType, key) != RecordSlab::kNone) return false;
+   if (s.find(ref) != RecordSlab::kNone) return false;
    for (Index index : indices) {
       if (!s.isRecoverableSlot(index)) return false;
    }
    std::vector<Index> sorted(indices);
    std::sort(sorted.begin(), sorted.end());
    if (std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end()) return false;
-   s.bind(keyType, key, indices.data(), static_cast<std::uint32_t>(indices.size()), user);
+   s.bind(ref, indices.data(), static_cast<std::uint32_t>(indices.size()), user);
    return true;
 }
 

@@ -54,6 +54,7 @@ Entry::MmuReplListTableEntry(const MmuReplListTableEntry& other)
     : EntryBase(other),
       identity_(other.identity_),
       derived_(other.derived_ ? std::make_unique<Derived>(*other.derived_) : nullptr),
+      digest_(other.digest_),
       denseEntrySize_(other.denseEntrySize_),
       sparseEntrySize_(other.sparseEntrySize_),
       genId_(other.genId_),
@@ -69,6 +70,7 @@ Entry::MmuReplListTableEntry(MmuReplListTableEntry&& other)
     : EntryBase(other),
       identity_(other.identity_),
       derived_(std::move(other.derived_)),
+      digest_(other.digest_),
       denseEntrySize_(other.denseEntrySize_),
       sparseEntrySize_(other.sparseEntrySize_),
       genId_(other.genId_),
@@ -79,6 +81,7 @@ Entry& Entry::operator=(MmuReplListTableEntry&& other) {
    EntryBase::operator=(other);
    identity_ = other.identity_;
    derived_ = std::move(other.derived_);  // the source is left with nothing derived
+   digest_ = other.digest_;
    denseEntrySize_ = other.denseEntrySize_;
    sparseEntrySize_ = other.sparseEntrySize_;
    genId_ = other.genId_;
@@ -112,6 +115,7 @@ Entry::Identity& Entry::identityForChange() {
       identity_ = std::move(copy);
    }
    identity_->digestValid = false;
+   digest_ = 0;
    return *identity_;
 }
 
@@ -257,6 +261,7 @@ std::strong_ordering operator<=>(const MmuReplListTableEntry& a,
 }
 
 std::uint64_t Entry::digest() const {
+   if (digest_ != 0) return digest_;
    static const std::uint64_t kNoHandlesDigest = absl::HashOf(std::size_t{0});
    std::uint64_t handles = kNoHandlesDigest;
    if (identity_) {
@@ -270,7 +275,8 @@ std::uint64_t Entry::digest() const {
       }
       handles = identity_->digest;
    }
-   return absl::HashOf(handles, genId_);
+   digest_ = absl::HashOf(handles, genId_);
+   return digest_;
 }
 
 std::size_t Entry::hash(std::uint32_t seed) const { return absl::HashOf(seed, digest()); }

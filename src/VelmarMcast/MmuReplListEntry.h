@@ -93,7 +93,10 @@ class MmuReplListTableEntry : public Asic::EntryBase {
    void egressObjectHandleIs(EntryHandlePtr eh, PortList ports);
    void egressObjectHandleDel(const EntryHandle* eh);
    void egressObjectHandleDel(const EntryHandlePtr& eh) { egressObjectHandleDel(eh.get()); }
-   void egressObjectHandleDelAll() noexcept { identity_.reset(); }
+   void egressObjectHandleDelAll() noexcept {
+      identity_.reset();
+      digest_ = 0;
+   }
    bool egressObjectHandleHas(const EntryHandle* eh) const {
       return egressObjectHandles().find(eh) != egressObjectHandles().end();
    }
@@ -101,7 +104,10 @@ class MmuReplListTableEntry : public Asic::EntryBase {
    const PortList& egressObjectHandle(const EntryHandle* eh) const;
 
    std::uint32_t genId() const noexcept { return genId_; }
-   void genIdIs(std::uint32_t genId) noexcept { genId_ = genId; }
+   void genIdIs(std::uint32_t genId) noexcept {
+      genId_ = genId;
+      digest_ = 0;
+   }
 
    // --- parameters ------------------------------------------------------------------------
    std::uint8_t sparseEntrySize() const noexcept { return sparseEntrySize_; }
@@ -213,6 +219,9 @@ class MmuReplListTableEntry : public Asic::EntryBase {
    }
 
    mutable std::unique_ptr<Derived> derived_;  // null: nothing derived
+   // The identity's digest with genId, kept in the entry too: hashing a key held by a
+   // collection then reads only the collection's slot, not the shared body.
+   mutable std::uint64_t digest_ = 0;  // 0: not computed
    std::uint8_t denseEntrySize_ = 0;
    std::uint8_t sparseEntrySize_ = 0;
    std::uint32_t genId_ = 0;
