@@ -12,11 +12,14 @@
 // lastUserGone() starts cleanup().
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <deque>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -1298,6 +1301,75 @@ class SwTable::EntryIteratorConst {
 };
 
 // ---------------------------------------------------------------------------------------
+// One member of a table's key records as a collection of its own: the records that hold it
+// (Member::has), each seen as (key, member). Read-only; valid until the table changes.
+template <typename Map, typename Member>
+class KeyRecordView {
+ public:
+   using Key = typename Map::key_type;
+   using Value = std::remove_cvref_t<decltype(Member::get(std::declval<const typename Map::mapped_type&>()))>;
+   using value_type = std::pair<const Key&, const Value&>;
+
+   class const_iterator {
+    public:
+      using iterator_category = std::forward_iterator_tag;
+      using value_type = KeyRecordView::value_type;
+      using difference_type = std::ptrdiff_t;
+      using reference = value_type;
+      // `it->first` on a pair made on the spot.
+      struct pointer {
+         value_type pair;
+         const value_type* operator->() const noexcept { return &pair; }
+      };
+
+      const_iterator() = default;
+      const_iterator(typename Map::const_iterator it, typename Map::const_iterator end)
+          : it_(it), end_(end) {
+         skip();
+      }
+      value_type operator*() const { return {it_->first, Member::get(it_->second)}; }
+      pointer operator->() const { return pointer{**this}; }
+      const_iterator& operator++() {
+         ++it_;
+         skip();
+         return *this;
+      }
+      const_iterator operator++(int) {
+         const_iterator before = *this;
+         ++*this;
+         return before;
+      }
+      friend bool operator==(const const_iterator& a, const const_iterator& b) {
+         return a.it_ == b.it_;
+      }
+
+    private:
+      void skip() {
+         while (it_ != end_ && !Member::has(it_->second)) ++it_;
+      }
+      typename Map::const_iterator it_{};
+      typename Map::const_iterator end_{};
+   };
+   using iterator = const_iterator;
+
+   KeyRecordView(const Map& map, std::size_t count) noexcept : map_(&map), count_(count) {}
+   const_iterator begin() const { return const_iterator(map_->begin(), map_->end()); }
+   const_iterator end() const { return const_iterator(map_->end(), map_->end()); }
+   std::size_t size() const noexcept { return count_; }
+   bool empty() const noexcept { return count_ == 0; }
+   const_iterator find(const Key& key) const {
+      auto it = map_->find(key);
+      if (it == map_->end() || !Member::has(it->second)) return end();
+      return const_iterator(it, map_->end());
+   }
+   bool contains(const Key& key) const { return find(key) != end(); }
+
+ private:
+   const Map* map_;  // not owned: the table's records
+   std::size_t count_;
+};
+
+// ---------------------------------------------------------------------------------------
 // The slot a collection last found: one operation looks the same key up many times over
 // (commit, resolve, program, write, response), and a hit here costs one key comparison
 // instead of a hash and a probe. Forgotten at every insertion and erasure, the only changes
@@ -1343,11 +1415,30 @@ class SwTableImpl : public Base {
    using Util = UtilT;
    using EntryHandle = SwTableEntryHandleT<Derived, KeyT, EntryT>;
    using UnresolvedEntry = SwTableUnresolvedEntryT<Derived, KeyT, EntryT>;
-   using EntryHandleMap = absl::flat_hash_map<Key, Ptr<EntryHandle>, SeededHash<Key, 0x2545F491u>>;
+   // What the table keeps of a key: its handle and its resolved value, in one slot, so that
+   // every step of an operation on the key (commit, resolution, programming, the write's
+   // response, the delete dance) finds both with one look-up. A record goes when it holds
+   // neither.
+   struct KeyRecord {
+      Ptr<EntryHandle> handle;  // null: no client holds the key
+      std::optional<Entry> resolved;
+      bool hasResolved = false;  // a resolved entry, with a value or withdrawn (nullopt)
+   };
+   using KeyRecordMap = absl::flat_hash_map<Key, KeyRecord, SeededHash<Key, 0x2545F491u>>;
    using UnresolvedEntryMap =
        absl::flat_hash_map<Key, Ptr<UnresolvedEntry>, SeededHash<Key, 0x9E3779B9u>>;
-   using ResolvedEntryMap =
-       absl::flat_hash_map<Key, std::optional<Entry>, SeededHash<Key, 0x85EBCA6Bu>>;
+   // The handles, and the resolved entries, each as a collection of their own: views of the
+   // records that hold one, with their own counts.
+   struct HandleOf {
+      static bool has(const KeyRecord& r) noexcept { return r.handle != nullptr; }
+      static const Ptr<EntryHandle>& get(const KeyRecord& r) noexcept { return r.handle; }
+   };
+   struct ResolvedOf {
+      static bool has(const KeyRecord& r) noexcept { return r.hasResolved; }
+      static const std::optional<Entry>& get(const KeyRecord& r) noexcept { return r.resolved; }
+   };
+   using EntryHandleMap = KeyRecordView<KeyRecordMap, HandleOf>;
+   using ResolvedEntryMap = KeyRecordView<KeyRecordMap, ResolvedOf>;
    using SyncedEntryMap = absl::btree_map<Index, SyncedEntry>;
    using SyncedIndicesMap = absl::btree_map<Index, std::vector<Index>>;
    using WriteResponseCallback = std::function<void(const EntryHandle*, const Key&)>;
@@ -1425,8 +1516,9 @@ class SwTableImpl : public Base {
 
    // Each handle still attached lets go of the table and of what it holds of other tables.
    void detachHandles() {
-      for (auto& [key, eh] : entryHandles_) {
-         if (!eh->swTable()) continue;
+      for (auto& [key, record] : records_) {
+         EntryHandle* eh = record.handle.get();
+         if (!eh || !eh->swTable()) continue;
          eh->swTableIs(nullptr);
          eh->doAmendReferences();
       }
@@ -1437,10 +1529,11 @@ class SwTableImpl : public Base {
    // indices still held for stale records and the shared allocator let go of.
    void detachAll() {
       detachHandles();
-      for (auto& [key, eh] : entryHandles_) dropCommitCount(eh.get());
+      for (auto& [key, record] : records_) {
+         if (record.handle) dropCommitCount(record.handle.get());
+      }
       unresolvedEntryDelAll();
-      resolvedEntries_.clear();
-      resolvedFound_.forget();
+      resolvedEntryDelAll();
       this->indexHelperDelAll();
       if (auto* alloc = this->indexAllocator()) {
          for (const auto& [index, indices] : syncedIndices_) {
@@ -1483,7 +1576,7 @@ class SwTableImpl : public Base {
    std::string_view typeName() const noexcept override { return Derived::kTypeName; }
    std::string tableText() const {
       return fmt::format("{}(entries={}, handles={})", Derived::kTypeName, this->numEntries(),
-                         entryHandles_.size());
+                         handleCount_);
    }
 
    // --- Util -----------------------------------------------------------------------------
@@ -1499,10 +1592,10 @@ class SwTableImpl : public Base {
    void writeResponseCallbackIs(WriteResponseCallback callback) { callback_ = std::move(callback); }
 
    // --- collections --------------------------------------------------------------------
-   const EntryHandleMap& entryHandles() const noexcept { return entryHandles_; }
+   EntryHandleMap entryHandles() const noexcept { return EntryHandleMap(records_, handleCount_); }
    EntryHandle* entryHandle(const Key& key) const {
-      auto* slot = handleFound_.find(const_cast<EntryHandleMap&>(entryHandles_), key);
-      return slot ? slot->second.get() : nullptr;
+      auto* slot = found_.find(const_cast<KeyRecordMap&>(records_), key);
+      return slot ? slot->second.handle.get() : nullptr;
    }
    bool entryHandleHas(const Key& key) const { return entryHandle(key) != nullptr; }
    Ptr<EntryHandle> entryHandleIs(const Key& key, Derived* table) {
@@ -1511,31 +1604,50 @@ class SwTableImpl : public Base {
              fmt::format("{}: entry handle of key {} re-instantiated for another table",
                          Derived::kTypeName, key));
       }
-      auto [slot, inserted] = handleFound_.findOrInsert(entryHandles_, key);
-      if (inserted) slot->second = entryHandleFactory(key, table);
-      return slot->second;
+      auto [slot, inserted] = found_.findOrInsert(records_, key);
+      KeyRecord& record = slot->second;
+      if (!record.handle) {
+         try {
+            record.handle = entryHandleFactory(key, table);
+         } catch (...) {
+            if (inserted) recordErase(slot);
+            throw;
+         }
+         ++handleCount_;
+      }
+      return record.handle;
    }
    static Ptr<EntryHandle> entryHandleFactory(const Key& key, Derived* table) {
       return makePtr<EntryHandle>(key, table);
    }
    void entryHandleDel(const Key& key) {
-      auto it = entryHandles_.find(key);
-      if (it == entryHandles_.end()) return;
-      EntryHandle* eh = it->second.detach();
-      entryHandles_.erase(it);
-      handleFound_.forget();
+      auto* slot = found_.find(records_, key);
+      if (!slot || !slot->second.handle) return;
+      EntryHandle* eh = slot->second.handle.detach();
+      --handleCount_;
+      if (!slot->second.hasResolved) recordErase(slot);
       this->indexHelperDel(eh);
       eh->swTableIs(nullptr);
       RefCounted::releaseQuietly(eh);  // no clean-up for a key that is gone
    }
    void entryHandleDelAll() {
-      EntryHandleMap handles = std::move(entryHandles_);
-      entryHandles_.clear();
-      handleFound_.forget();
+      std::vector<EntryHandle*> handles;
+      handles.reserve(handleCount_);
+      for (auto it = records_.begin(); it != records_.end();) {
+         KeyRecord& record = it->second;
+         if (record.handle) handles.push_back(record.handle.detach());
+         if (!record.hasResolved) {
+            records_.erase(it++);
+         } else {
+            ++it;
+         }
+      }
+      handleCount_ = 0;
+      found_.forget();
       this->indexHelperDelAll();
-      for (auto& [key, eh] : handles) {
+      for (EntryHandle* eh : handles) {
          eh->swTableIs(nullptr);
-         RefCounted::releaseQuietly(eh.detach());
+         RefCounted::releaseQuietly(eh);
       }
    }
 
@@ -1562,30 +1674,35 @@ class SwTableImpl : public Base {
       unresolvedEntries_.clear();
    }
 
-   const ResolvedEntryMap& resolvedEntries() const noexcept { return resolvedEntries_; }
-   std::size_t resolvedEntrys() const noexcept { return resolvedEntries_.size(); }
+   ResolvedEntryMap resolvedEntries() const noexcept {
+      return ResolvedEntryMap(records_, resolvedCount_);
+   }
+   std::size_t resolvedEntrys() const noexcept { return resolvedCount_; }
    const std::optional<Entry>* resolvedEntry(const Key& key) const {
-      auto* slot = resolvedFound_.find(const_cast<ResolvedEntryMap&>(resolvedEntries_), key);
-      return slot ? &slot->second : nullptr;
+      auto* slot = found_.find(const_cast<KeyRecordMap&>(records_), key);
+      return slot && slot->second.hasResolved ? &slot->second.resolved : nullptr;
    }
    bool resolvedEntryHas(const Key& key) const { return resolvedEntry(key) != nullptr; }
    // Stores a changed value and hands the key to the engine; an equal value (identity
    // equality; two empty values are equal) changes nothing. Returns whether it changed.
    bool resolvedEntryIs(const Key& key, std::optional<Entry> value) {
-      auto [slot, inserted] = resolvedFound_.findOrInsert(resolvedEntries_, key);
+      auto [slot, inserted] = found_.findOrInsert(records_, key);
+      KeyRecord& record = slot->second;
       std::uint8_t mode = 0;
-      if (inserted) {
-         slot->second = std::move(value);
+      if (!record.hasResolved) {
+         record.resolved = std::move(value);
+         record.hasResolved = true;
+         ++resolvedCount_;
       } else {
-         const auto& current = slot->second;
+         const auto& current = record.resolved;
          if (current.has_value() == value.has_value() && (!value || *current == *value))
             return false;
-         const EntryHandle* eh = entryHandle(key);
+         const EntryHandle* eh = record.handle.get();
          mode = !current ? 1
                          : (eh && eh->resolvedEntryState() == SwTableBase::EntryState::programFailed
                                 ? 0
                                 : 2);
-         slot->second = std::move(value);
+         record.resolved = std::move(value);
       }
       this->indexUserModeIs(mode);
       this->publish("resolvedEntry");
@@ -1595,25 +1712,36 @@ class SwTableImpl : public Base {
    // Stores a value the chip already holds as the key's resolved one, without programming
    // it (a register adopting what it read back at a restart). A key with a value keeps it.
    bool resolvedEntryAdopt(const Key& key, const Entry& value) {
-      auto [it, inserted] = resolvedEntries_.try_emplace(key, value);
-      if (inserted) {
-         resolvedFound_.forget();
-         this->publish("resolvedEntry");
-      }
-      return inserted;
+      auto [slot, inserted] = found_.findOrInsert(records_, key);
+      KeyRecord& record = slot->second;
+      if (record.hasResolved) return false;
+      record.resolved = value;
+      record.hasResolved = true;
+      ++resolvedCount_;
+      this->publish("resolvedEntry");
+      return true;
    }
    void resolvedEntryDel(const Key& key) {
-      auto it = resolvedEntries_.find(key);
-      if (it == resolvedEntries_.end()) return;
-      resolvedEntries_.erase(it);
-      resolvedFound_.forget();
+      auto* slot = found_.find(records_, key);
+      if (!slot || !slot->second.hasResolved) return;
+      resolvedForget(slot);
       this->publish("resolvedEntry");
       accessor().handleEntry(key);
    }
    // Forgets every value without touching the hardware (table clean-up).
    void resolvedEntryDelAll() {
-      resolvedEntries_.clear();
-      resolvedFound_.forget();
+      for (auto it = records_.begin(); it != records_.end();) {
+         KeyRecord& record = it->second;
+         record.resolved.reset();
+         record.hasResolved = false;
+         if (!record.handle) {
+            records_.erase(it++);
+         } else {
+            ++it;
+         }
+      }
+      resolvedCount_ = 0;
+      found_.forget();
    }
 
    const SyncedEntryMap& syncedEntries() const noexcept { return syncedEntries_; }
@@ -1694,13 +1822,25 @@ class SwTableImpl : public Base {
    Derived* self() noexcept { return static_cast<Derived*>(this); }
    const Derived* self() const noexcept { return static_cast<const Derived*>(this); }
 
+   using RecordSlot = typename KeyRecordMap::value_type;
+   void recordErase(RecordSlot* slot) {
+      records_.erase(slot->first);
+      found_.forget();
+   }
+   void resolvedForget(RecordSlot* slot) {
+      slot->second.resolved.reset();
+      slot->second.hasResolved = false;
+      --resolvedCount_;
+      if (!slot->second.handle) recordErase(slot);
+   }
+
    Ptr<Util> util_;
-   EntryHandleMap entryHandles_;
+   KeyRecordMap records_;
+   std::size_t handleCount_ = 0;
+   std::size_t resolvedCount_ = 0;
    UnresolvedEntryMap unresolvedEntries_;
-   ResolvedEntryMap resolvedEntries_;
    std::vector<Key> replayHeldBack_;
-   LastFoundSlot<EntryHandleMap> handleFound_;
-   LastFoundSlot<ResolvedEntryMap> resolvedFound_;
+   LastFoundSlot<KeyRecordMap> found_;
    SyncedEntryMap syncedEntries_;
    SyncedIndicesMap syncedIndices_;
    SkippedStaleEntryMap skippedStale_;
