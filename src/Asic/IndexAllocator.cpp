@@ -586,6 +586,16 @@ std::optional<Index> GenericIndexAllocator::indexForKey(const TypeDescriptor& ke
    return impl_->slab.at(id).indices.front();
 }
 
+std::optional<Index> GenericIndexAllocator::indexForKey(const TypeDescriptor& keyType,
+                                                        const void* key, Index hint) const {
+   const Impl& s = *impl_;
+   if (hint < s.numEntries && s.owner[hint] < kHeldSlot) {
+      const KeyRecord& record = s.slab.at(s.owner[hint]);
+      if (record.key.is(keyType, key)) return record.indices.front();
+   }
+   return indexForKey(keyType, key);
+}
+
 std::vector<Index> GenericIndexAllocator::newIndicesForKey(const TypeDescriptor& keyType,
                                                            const void* key, std::uint32_t blockSize,
                                                            const void* user) {

@@ -551,11 +551,16 @@ class SwTable::Accessor {
    std::optional<Index> doRetrieveHwIndex(const Key& key) const {
       if constexpr (!Policy::usesAllocator) {
          return Policy::retrieve(*this, key);
-      } else if (auto* alloc = swTable_->indexAllocator()) {
-         if (auto index = alloc->indexForKey(keyType(), &key)) return index;
+      } else {
+         const EntryHandle* eh = swTable_->entryHandle(key);
+         if (auto* alloc = swTable_->indexAllocator()) {
+            auto index = eh ? alloc->indexForKey(keyType(), &key, eh->hwIndex())
+                            : alloc->indexForKey(keyType(), &key);
+            if (index) return index;
+         }
+         if (eh) return eh->hwIndex();
+         return std::nullopt;
       }
-      if (const EntryHandle* eh = swTable_->entryHandle(key)) return eh->hwIndex();
-      return std::nullopt;
    }
    // Every index the key holds, first one first.
    Indices doRetrieveHwIndices(const Key& key) const { return Policy::retrieve(*this, key); }
@@ -1307,7 +1312,8 @@ template <typename Map, typename Member>
 class KeyRecordView {
  public:
    using Key = typename Map::key_type;
-   using Value = std::remove_cvref_t<decltype(Member::get(std::declval<const typename Map::mapped_type&>()))>;
+   using Value =
+       std::remove_cvref_t<decltype(Member::get(std::declval<const typename Map::mapped_type&>()))>;
    using value_type = std::pair<const Key&, const Value&>;
 
    class const_iterator {

@@ -224,6 +224,26 @@ TEST(IndexAllocatorTest, RequestIndexOutcomes) {
    EXPECT_EQ(alloc->totalUsedIndices(), 4u);
 }
 
+// A hint is only a place to look first: a wrong, free, reserved, held or out-of-range hint
+// gives the same answer as no hint, and a key of another type at the hint is not the key.
+TEST(IndexAllocatorTest, HintedLookUpAnswersAsTheHashLookUp) {
+   auto alloc = makeAllocator(Kind::firstFree, 8);
+   alloc->reserveIndices(0, 0);
+   ASSERT_EQ(newIndex(*alloc, 1), 1u);
+   ASSERT_EQ(newIndex(*alloc, 2), 2u);
+   ASSERT_TRUE(alloc->holdIndex(6));
+   const WideKey wide{"three"};
+   ASSERT_EQ(alloc->newIndexForKey(wideType(), &wide), 3u);
+   const SmallKey one{1}, two{2}, absent{9}, three{3};
+   for (Index hint :
+        {Index{0}, Index{1}, Index{2}, Index{3}, Index{5}, Index{6}, Index{8}, invalidIndex}) {
+      EXPECT_EQ(alloc->indexForKey(smallType(), &one, hint), 1u) << "hint " << hint;
+      EXPECT_EQ(alloc->indexForKey(smallType(), &two, hint), 2u) << "hint " << hint;
+      EXPECT_EQ(alloc->indexForKey(smallType(), &absent, hint), std::nullopt) << "hint " << hint;
+      EXPECT_EQ(alloc->indexForKey(smallType(), &three, hint), std::nullopt) << "hint " << hint;
+   }
+}
+
 // Verify that restart recovery never takes a used index, not even for the key that owns
 // it, and binds only free indices to keys that own nothing.
 TEST(IndexAllocatorTest, RecoverRefusesUsedIndices) {
