@@ -33,11 +33,21 @@ WriteResponseSm::Ticket WriteResponseSm::writeIssued() {
       out.failed = 0;
    }
    ++out.writes;
-   if (tickets_.empty()) firstTicket_ = t;
-   tickets_.emplace_back(context_);
-   peak_ = std::max(peak_, tickets_.size());
+   if (tickets_ == 0) firstTicket_ = t;
+   if (tickets_ == ring_.size()) ringGrow();
+   ++tickets_;
+   slot(t) = Ptr<SwTableBase::EntryHandle>(context_);
    ++outstanding_;
    return t;
+}
+
+void WriteResponseSm::ringGrow() {
+   std::vector<Ptr<SwTableBase::EntryHandle>> grown(std::max<std::size_t>(64, ring_.size() * 2));
+   for (std::size_t i = 0; i < tickets_; ++i) {
+      grown[i] = std::move(ring_[(head_ + i) & (ring_.size() - 1)]);
+   }
+   ring_.swap(grown);
+   head_ = 0;
 }
 
 std::size_t WriteResponseSm::outstandingWrites(const SwTableBase::EntryHandle* eh) const {
@@ -46,17 +56,18 @@ std::size_t WriteResponseSm::outstandingWrites(const SwTableBase::EntryHandle* e
 }
 
 Ptr<SwTableBase::EntryHandle> WriteResponseSm::take(Ticket ticket) {
-   if (ticket < firstTicket_ || ticket - firstTicket_ >= tickets_.size()) return {};
-   Ptr<SwTableBase::EntryHandle> eh = std::move(tickets_[ticket - firstTicket_]);
+   if (ticket < firstTicket_ || ticket - firstTicket_ >= tickets_) return {};
+   Ptr<SwTableBase::EntryHandle> eh = std::move(slot(ticket));
    if (!eh) return eh;  // already reported
    --outstanding_;
-   while (!tickets_.empty() && !tickets_.front()) {
-      tickets_.pop_front();
+   while (tickets_ != 0 && !ring_[head_]) {
+      head_ = (head_ + 1) & (ring_.size() - 1);
+      --tickets_;
       ++firstTicket_;
    }
-   if (tickets_.empty() && peak_ > kRingKept) {
-      std::deque<Ptr<SwTableBase::EntryHandle>>().swap(tickets_);  // a burst's ring is not kept
-      peak_ = 0;
+   if (tickets_ == 0 && ring_.size() > kRingKept) {
+      std::vector<Ptr<SwTableBase::EntryHandle>>().swap(ring_);  // a huge burst's ring goes
+      head_ = 0;
    }
    return eh;
 }

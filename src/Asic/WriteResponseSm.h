@@ -6,8 +6,9 @@
 // is told whether all of them succeeded. The responses of a programming that a newer one
 // superseded are absorbed: the chip holds the newer value, whatever became of the older.
 
+#include <cstddef>
 #include <cstdint>
-#include <deque>
+#include <vector>
 
 #include "Asic/RefCounted.h"
 #include "Asic/SwTableBase.h"
@@ -72,12 +73,18 @@ class WriteResponseSm : public RefCounted {
    Ticket nextTicket_ = 1;
    // Outstanding tickets from `firstTicket_` on, by ticket: responses come mostly in the
    // order of their writes, so a ring without hashing; a slot whose response came is null
-   // until the slots before it are done too.
-   std::deque<Ptr<SwTableBase::EntryHandle>> tickets_;
+   // until the slots before it are done too. The ring's size is a power of two; it grows by
+   // doubling and is kept between bursts, unless a burst made it larger than kRingKept.
+   Ptr<SwTableBase::EntryHandle>& slot(Ticket ticket) noexcept {
+      return ring_[(head_ + (ticket - firstTicket_)) & (ring_.size() - 1)];
+   }
+   void ringGrow();
+   std::vector<Ptr<SwTableBase::EntryHandle>> ring_;
+   std::size_t head_ = 0;     // slot of firstTicket_
+   std::size_t tickets_ = 0;  // slots in use, from head_ on
    Ticket firstTicket_ = 1;
    std::size_t outstanding_ = 0;
-   std::size_t peak_ = 0;  // longest the ring has been since it was last let go of
-   static constexpr std::size_t kRingKept = 4096;
+   static constexpr std::size_t kRingKept = std::size_t{1} << 16;
 };
 
 }  // namespace Asic

@@ -386,6 +386,37 @@ TEST_F(WriteResponseSmTest, ResponsesInAnyOrderCompleteEachHandleOnce) {
    EXPECT_EQ(handles.front()->dispatched.size(), 1u);
 }
 
+// Writes kept in flight as a sliding window: the tickets wrap around the ring, and the
+// window widens while they do (the ring grows with its slots wrapped). Responses come
+// newest-first within each step; every handle completes once, with its own outcome.
+TEST_F(WriteResponseSmTest, SlidingWindowWrapsAndGrowsTheRing) {
+   std::vector<Ptr<TestHandle>> handles;
+   std::vector<WriteResponseSm::Ticket> inFlight;  // oldest first
+   std::size_t completed = 0;
+   auto completeOldest = [&](std::size_t n) {
+      std::vector<WriteResponseSm::Ticket> batch(inFlight.begin(), inFlight.begin() + n);
+      inFlight.erase(inFlight.begin(), inFlight.begin() + n);
+      for (auto it = batch.rbegin(); it != batch.rend(); ++it) {
+         sm_->writeCompleted(*it, *it % 7 != 0);
+         ++completed;
+      }
+   };
+   for (int step = 0; step < 2000; ++step) {
+      handles.push_back(makePtr<TestHandle>());
+      writeIn(handles.back().get(), {Index(step % 8)});
+      inFlight.push_back(hw_->issued.back());
+      const std::size_t window = step < 1013 ? 40 : 300;  // wider later: grows while wrapped
+      if (inFlight.size() > window) completeOldest(3);
+   }
+   completeOldest(inFlight.size());
+   EXPECT_EQ(completed, handles.size());
+   EXPECT_EQ(sm_->outstandingWrites(), 0u);
+   for (std::size_t h = 0; h < handles.size(); ++h) {
+      const auto want = hw_->issued[h] % 7 != 0 ? EntryState::success : EntryState::programFailed;
+      EXPECT_EQ(handles[h]->dispatched, std::vector<EntryState>{want}) << "handle " << h;
+   }
+}
+
 // Verify that deleting the tracker drops it (a later one starts empty) and clears the
 // used-entry count unless asked to keep it.
 TEST_F(WriteResponseSmTest, DeleteTrackerKeepsOrClearsCounts) {
