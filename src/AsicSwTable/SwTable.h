@@ -331,11 +331,16 @@ class SwTable::Util : public RefCounted {
 class SwUnknownIndexTable : public SwTable {
  public:
    IndexHelper& indexHelperIs(const SwTableBase::EntryHandle* eh) { return indexHelpers_[eh]; }
+   // Suggestions exist only at a restart: outside one the collection is empty and is not
+   // hashed into at every commit and removal.
    IndexHelper* indexHelper(const SwTableBase::EntryHandle* eh) {
+      if (indexHelpers_.empty()) return nullptr;
       auto it = indexHelpers_.find(eh);
       return it == indexHelpers_.end() ? nullptr : &it->second;
    }
-   void indexHelperDel(const SwTableBase::EntryHandle* eh) { indexHelpers_.erase(eh); }
+   void indexHelperDel(const SwTableBase::EntryHandle* eh) {
+      if (!indexHelpers_.empty()) indexHelpers_.erase(eh);
+   }
    void indexHelperDelAll() noexcept { indexHelpers_.clear(); }
    std::size_t indexHelpers() const noexcept { return indexHelpers_.size(); }
 
