@@ -47,15 +47,18 @@ void checkWordCount(std::string_view memory, std::span<const std::uint32_t> word
 }
 
 // Bits outside every field are never written, so a set one means the words are not an
-// entry of this format (or not of this kind).
+// entry of this format (or not of this kind). `kind` names the kind whose fields these are
+// ("" for any entry); the text is composed only for the error: every read of the chip
+// decodes.
 template <std::size_t N>
-void checkUnusedClear(std::string_view memory, std::string_view what,
+void checkUnusedClear(std::string_view memory, std::string_view kind,
                       std::span<const std::uint32_t> words,
                       const std::array<std::uint32_t, N>& usedBits) {
    for (std::size_t i = 0; i < N; ++i) {
       if (std::uint32_t stray = words[i] & ~usedBits[i]; stray != 0) {
-         throw std::invalid_argument(fmt::format(
-             "{}: word {} has bits {:#010x} set outside the fields of {}", memory, i, stray, what));
+         throw std::invalid_argument(
+             fmt::format("{}: word {} has bits {:#010x} set outside the fields of {}", memory, i,
+                         stray, kind.empty() ? "an entry" : fmt::format("a {} entry", kind)));
       }
    }
 }
@@ -219,8 +222,7 @@ ReplListFormat::HwEntry ReplListFormat::decode(std::span<const std::uint32_t> wo
    } else {
       checkFits(kMemory, "numBits", kNumBits.get(words), kMaxNumBits);
    }
-   checkUnusedClear(kMemory, fmt::format("a {} entry", kindName(entry.kind)), words,
-                    usedBits(entry.kind, pairCount));
+   checkUnusedClear(kMemory, kindName(entry.kind), words, usedBits(entry.kind, pairCount));
    if (entry.kind == Kind::sparse) {
       entry.pairs.reserve(pairCount);
       for (std::uint32_t i = 0; i < pairCount; ++i) {
@@ -261,7 +263,7 @@ L2SubPortFormat::HwEntry L2SubPortFormat::decode(std::span<const std::uint32_t> 
    Words used{};
    for (const Field& f : {kMode, kLast, kNext}) f.use(used);
    for (std::uint32_t i = 0; i < kBitmapWords; ++i) bitmapWord(i).use(used);
-   checkUnusedClear(kMemory, "an entry", words, used);
+   checkUnusedClear(kMemory, "", words, used);
    HwEntry entry;
    entry.mode = kMode.get(words);
    entry.last = kLast.get(words) != 0;
