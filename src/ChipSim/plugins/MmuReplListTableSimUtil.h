@@ -23,8 +23,10 @@ class MmuReplListTableSimUtil : public VelmarMcast::MmuReplListTableUtil {
    // std::invalid_argument when an entry does not fit the chip.
    static std::vector<ReplListFormat::HwEntry> hwEntries(const Entry& entry);
    // A list read back from the chip: its sparse and dense entries and its next hops. A
-   // dense entry's next hops come back without ports (the chip does not keep them).
-   static Entry entryFromHw(const std::vector<ReplListFormat::HwEntry>& hwEntries);
+   // dense entry's next hops come back without ports (the chip does not keep them). Without
+   // `withEgressObjects`, only the sparse and dense entries (what a comparison reads).
+   static Entry entryFromHw(const std::vector<ReplListFormat::HwEntry>& hwEntries,
+                            bool withEgressObjects = true);
 
    // The chip holds at most kMaxSparsePairs pairs per sparse entry.
    void entryValidate(const Entry& entry) const override;
