@@ -1692,6 +1692,12 @@ class SwTableImpl : public Base {
    // Stores a changed value and hands the key to the engine; an equal value (identity
    // equality; two empty values are equal) changes nothing. Returns whether it changed.
    bool resolvedEntryIs(const Key& key, std::optional<Entry> value) {
+      return resolvedEntryStore(key, value);
+   }
+   // Out of line: inlined into a caller that passes std::nullopt, GCC's -O3 flow analysis
+   // takes the branches that read the value for reads of an empty optional's payload
+   // (-Wmaybe-uninitialized in the entry's comparison and move constructor).
+   [[gnu::noinline]] bool resolvedEntryStore(const Key& key, std::optional<Entry>& value) {
       auto [slot, inserted] = found_.findOrInsert(records_, key);
       KeyRecord& record = slot->second;
       std::uint8_t mode = 0;
