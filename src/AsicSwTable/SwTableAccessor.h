@@ -1639,17 +1639,10 @@ class SwTableImpl : public Base {
    void entryHandleDelAll() {
       std::vector<EntryHandle*> handles;
       handles.reserve(handleCount_);
-      for (auto it = records_.begin(); it != records_.end();) {
-         KeyRecord& record = it->second;
+      recordsPrune([&handles](KeyRecord& record) {
          if (record.handle) handles.push_back(record.handle.detach());
-         if (!record.hasResolved) {
-            records_.erase(it++);
-         } else {
-            ++it;
-         }
-      }
+      });
       handleCount_ = 0;
-      found_.forget();
       this->indexHelperDelAll();
       for (EntryHandle* eh : handles) {
          eh->swTableIs(nullptr);
@@ -1742,18 +1735,11 @@ class SwTableImpl : public Base {
    }
    // Forgets every value without touching the hardware (table clean-up).
    void resolvedEntryDelAll() {
-      for (auto it = records_.begin(); it != records_.end();) {
-         KeyRecord& record = it->second;
+      recordsPrune([](KeyRecord& record) {
          record.resolved.reset();
          record.hasResolved = false;
-         if (!record.handle) {
-            records_.erase(it++);
-         } else {
-            ++it;
-         }
-      }
+      });
       resolvedCount_ = 0;
-      found_.forget();
    }
 
    const SyncedEntryMap& syncedEntries() const noexcept { return syncedEntries_; }
@@ -1837,6 +1823,15 @@ class SwTableImpl : public Base {
    using RecordSlot = typename KeyRecordMap::value_type;
    void recordErase(RecordSlot* slot) {
       records_.erase(slot->first);
+      found_.forget();
+   }
+   // Lets `clear` empty part of every record, then drops the records that hold nothing.
+   template <typename F>
+   void recordsPrune(F&& clear) {
+      absl::erase_if(records_, [&clear](RecordSlot& slot) {
+         clear(slot.second);
+         return !slot.second.handle && !slot.second.hasResolved;
+      });
       found_.forget();
    }
    void resolvedForget(RecordSlot* slot) {

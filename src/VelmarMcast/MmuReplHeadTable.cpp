@@ -64,36 +64,22 @@ MmuReplHeadTableEntryBlock::MmuReplHeadTableEntryBlock(Asic::CharRange&) {
 
 const MmuReplHeadTableEntryBlock::EntryMap MmuReplHeadTableEntryBlock::kNoEntries;
 
-MmuReplHeadTableEntryBlock::Body& MmuReplHeadTableEntryBlock::bodyForChange() {
-   if (!body_) {
-      body_ = Asic::makePtr<Body>();
-   } else if (body_->refCount() > 1) {
-      auto copy = Asic::makePtr<Body>();
-      copy->entries = body_->entries;
-      body_ = std::move(copy);
-   }
-   body_->digestValid = false;
-   return *body_;
-}
-
 std::uint64_t MmuReplHeadTableEntryBlock::digest() const noexcept {
    static const std::uint64_t kNoEntriesDigest = absl::HashOf(std::size_t{0});
    if (!body_) return kNoEntriesDigest;
-   if (!body_->digestValid) {
-      std::uint64_t h = absl::HashOf(body_->entries.size());
-      for (const auto& [offset, entry] : body_->entries) h = absl::HashOf(h, offset, entry.hash(0));
-      body_->digest = h;
-      body_->digestValid = true;
-   }
-   return body_->digest;
+   return body_->digestOf([](const EntryMap& entries) {
+      std::uint64_t h = absl::HashOf(entries.size());
+      for (const auto& [offset, entry] : entries) h = absl::HashOf(h, offset, entry.hash(0));
+      return h;
+   });
 }
 
 void MmuReplHeadTableEntryBlock::headPtrsResolve() {
    if (!body_) return;
    const bool digestValid = body_->digestValid;
    const std::uint64_t digest = body_->digest;
-   Body& body = bodyForChange();
-   for (auto& [offset, entry] : body.entries) {
+   Body& body = Body::forChange(body_);
+   for (auto& [offset, entry] : body.value) {
       if (entry.headPtrHandle) entry.headPtr = entry.headPtrHandle->hwIndexForDependentField();
    }
    body.digest = digest;

@@ -19,6 +19,7 @@
 #include "Asic/EntryBase.h"
 #include "Asic/IndexAllocator.h"
 #include "Asic/RefCounted.h"
+#include "Asic/SharedBody.h"
 #include "AsicSwTable/SwTableAccessor.h"
 #include "Interface/EthSpeed.h"
 
@@ -91,15 +92,16 @@ class MmuReplHeadTableEntryBlock : public Asic::EntryBase {
    bool entryHas(Asic::Index offset) const { return entryInternal().contains(offset); }
    void entryIs(Asic::Index offset, const Entry& entry) { entryInternalIs(offset, entry); }
    void entryInternalIs(Asic::Index offset, const Entry& entry) {
-      bodyForChange().entries.insert_or_assign(offset, entry);
+      Body::forChange(body_).value.insert_or_assign(offset, entry);
    }
    void entryDel(Asic::Index offset) { entryInternalDel(offset); }
    void entryInternalDel(Asic::Index offset) {
-      if (entryHas(offset)) bodyForChange().entries.erase(offset);  // a shared body stays shared
+      if (entryHas(offset))
+         Body::forChange(body_).value.erase(offset);  // a shared body stays shared
    }
    void entryInternalDelAll() noexcept { body_.reset(); }
-   const EntryMap& entryInternal() const noexcept { return body_ ? body_->entries : kNoEntries; }
-   EntryMap& entryInternalMutable() { return bodyForChange().entries; }
+   const EntryMap& entryInternal() const noexcept { return body_ ? body_->value : kNoEntries; }
+   EntryMap& entryInternalMutable() { return Body::forChange(body_).value; }
    // Fills each entry's headPtr from its handle (resolution). The head pointer is not part
    // of what the block is, so the block keeps its digest.
    void headPtrsResolve();
@@ -134,18 +136,9 @@ class MmuReplHeadTableEntryBlock : public Asic::EntryBase {
    std::string toString() const;
 
  private:
-   // The entries, shared by every copy of the block: a block is the key of the handles, the
-   // resolved and unresolved values and the allocator, and is looked up at every step of its
-   // programming. Copies share one body (and compare equal by pointer); a shared body is
-   // never changed: the first change to one copies it.
-   struct Body : Asic::RefCounted {
-      EntryMap entries;
-      // Seed-free hash of the entries, kept with them.
-      mutable std::uint64_t digest = 0;
-      mutable bool digestValid = false;
-   };
+   // The entries, shared by every copy of the block.
+   using Body = Asic::SharedBody<EntryMap>;
    static const EntryMap kNoEntries;
-   Body& bodyForChange();
    std::uint64_t digest() const noexcept;
 
    Asic::Ptr<Body> body_;          // null: no entries

@@ -94,30 +94,19 @@ void Entry::egressObjectHandleIs(EntryHandlePtr eh, PortList ports) {
       throw std::invalid_argument(
           fmt::format("{}: egressObjectHandle must not be a null entry handle", kTypeName));
    }
-   identityForChange().handles.insert_or_assign(std::move(eh), std::move(ports));
+   Identity::forChange(identity_).value.insert_or_assign(std::move(eh), std::move(ports));
+   digest_ = 0;
 }
 
 void Entry::egressObjectHandleDel(const EntryHandle* eh) {
    if (!egressObjectHandleHas(eh)) return;  // a shared body stays shared
-   Identity& identity = identityForChange();
-   identity.handles.erase(identity.handles.find(eh));
-   if (identity.handles.empty()) identity_.reset();
+   auto& handles = Identity::forChange(identity_).value;
+   digest_ = 0;
+   handles.erase(handles.find(eh));
+   if (handles.empty()) identity_.reset();
 }
 
 const Entry::EgressObjectHandleMap Entry::kNoHandles;
-
-Entry::Identity& Entry::identityForChange() {
-   if (!identity_) {
-      identity_ = Asic::makePtr<Identity>();
-   } else if (identity_->refCount() > 1) {
-      auto copy = Asic::makePtr<Identity>();
-      copy->handles = identity_->handles;
-      identity_ = std::move(copy);
-   }
-   identity_->digestValid = false;
-   digest_ = 0;
-   return *identity_;
-}
 
 const PortList& Entry::egressObjectHandle(const EntryHandle* eh) const {
    const auto& handles = egressObjectHandles();
@@ -265,15 +254,12 @@ std::uint64_t Entry::digest() const {
    static const std::uint64_t kNoHandlesDigest = absl::HashOf(std::size_t{0});
    std::uint64_t handles = kNoHandlesDigest;
    if (identity_) {
-      if (!identity_->digestValid) {
-         std::uint64_t h = absl::HashOf(identity_->handles.size());
-         for (const auto& [eh, ports] : identity_->handles) {
+      handles = identity_->digestOf([](const EgressObjectHandleMap& map) {
+         std::uint64_t h = absl::HashOf(map.size());
+         for (const auto& [eh, ports] : map)
             h = absl::HashOf(h, ByAddress::address(eh.get()), ports);
-         }
-         identity_->digest = h;
-         identity_->digestValid = true;
-      }
-      handles = identity_->digest;
+         return h;
+      });
    }
    digest_ = absl::HashOf(handles, genId_);
    return digest_;

@@ -21,6 +21,7 @@
 
 #include "Asic/EntryBase.h"
 #include "Asic/RefCounted.h"
+#include "Asic/SharedBody.h"
 #include "Asic/SwTableBase.h"
 #include "VelmarMcast/MmuReplListTypes.h"
 
@@ -86,7 +87,7 @@ class MmuReplListTableEntry : public Asic::EntryBase {
 
    // --- identity --------------------------------------------------------------------------
    const EgressObjectHandleMap& egressObjectHandles() const noexcept {
-      return identity_ ? identity_->handles : kNoHandles;
+      return identity_ ? identity_->value : kNoHandles;
    }
    // Inserts the handle, or replaces the ports of a handle already present. Throws
    // std::invalid_argument for a null handle.
@@ -188,20 +189,9 @@ class MmuReplListTableEntry : public Asic::EntryBase {
    std::string toString() const;
 
  private:
-   // The list's handles with their ports, shared by every copy of the entry: a list is the
-   // key of several collections and of the allocator, and its copies share one body
-   // instead of each copying every handle (an equal body is also found equal at once). A
-   // body is never changed while shared: the first change to a shared one copies it.
-   struct Identity : Asic::RefCounted {
-      EgressObjectHandleMap handles;
-      // Seed-free hash of the handles, kept with them: a list is hashed and compared on
-      // every look-up of every collection that holds it.
-      mutable std::uint64_t digest = 0;
-      mutable bool digestValid = false;
-   };
+   // The list's handles with their ports, shared by every copy of the entry.
+   using Identity = Asic::SharedBody<EgressObjectHandleMap>;
    static const EgressObjectHandleMap kNoHandles;
-   // The body, owned by this entry alone, ready to change.
-   Identity& identityForChange();
 
    Asic::Ptr<Identity> identity_;  // null: no handles
    // What resolution and the layout derive from the identity. A list used as a key has none,
