@@ -115,6 +115,16 @@ class SwTableEntryHandleT : public SwTable::EntryHandle {
       return (*pending_)[seq - pendingFirstSeq_];
    }
 
+   // The key's resolved value while the handle is in its table, kept with the handle so that
+   // every step of an operation on the key finds both with one look-up. The table moves it
+   // out when it lets go of the handle. Engine state: clients read resolvedEntry().
+   struct ResolvedRecord {
+      std::optional<Entry> value;
+      bool held = false;  // a resolved entry, with a value or withdrawn (nullopt)
+   };
+   ResolvedRecord& resolvedRecord() noexcept { return resolved_; }
+   const ResolvedRecord& resolvedRecord() const noexcept { return resolved_; }
+
    Index hwIndexForDependentField() const override;
    void handleEntryState() override;
    void handleResolvedEntryState() override;
@@ -136,6 +146,7 @@ class SwTableEntryHandleT : public SwTable::EntryHandle {
    [[no_unique_address]] PolicyState state_;
    Table* swTable_ = nullptr;
    std::unique_ptr<std::vector<Entry>> pending_;  // allocated on first use: usually empty
+   ResolvedRecord resolved_;
 };
 
 // Per-table unresolved entry: the committed value and the handles it waits for.
@@ -1306,20 +1317,18 @@ class SwTable::EntryIteratorConst {
 };
 
 // ---------------------------------------------------------------------------------------
-// One member of a table's key records as a collection of its own: the records that hold it
-// (Member::has), each seen as (key, member). Read-only; valid until the table changes.
-template <typename Map, typename Member>
-class KeyRecordView {
+// A table's handles as a collection keyed by their keys: each seen as (key, handle).
+// Read-only; valid until the table changes.
+template <typename Set, typename Key>
+class EntryHandleView {
  public:
-   using Key = typename Map::key_type;
-   using Value =
-       std::remove_cvref_t<decltype(Member::get(std::declval<const typename Map::mapped_type&>()))>;
-   using value_type = std::pair<const Key&, const Value&>;
+   using Handle = typename Set::value_type;
+   using value_type = std::pair<const Key&, const Handle&>;
 
    class const_iterator {
     public:
       using iterator_category = std::forward_iterator_tag;
-      using value_type = KeyRecordView::value_type;
+      using value_type = EntryHandleView::value_type;
       using difference_type = std::ptrdiff_t;
       using reference = value_type;
       // `it->first` on a pair made on the spot.
@@ -1329,15 +1338,11 @@ class KeyRecordView {
       };
 
       const_iterator() = default;
-      const_iterator(typename Map::const_iterator it, typename Map::const_iterator end)
-          : it_(it), end_(end) {
-         skip();
-      }
-      value_type operator*() const { return {it_->first, Member::get(it_->second)}; }
+      explicit const_iterator(typename Set::const_iterator it) : it_(it) {}
+      value_type operator*() const { return {(*it_)->key(), *it_}; }
       pointer operator->() const { return pointer{**this}; }
       const_iterator& operator++() {
          ++it_;
-         skip();
          return *this;
       }
       const_iterator operator++(int) {
@@ -1350,58 +1355,106 @@ class KeyRecordView {
       }
 
     private:
-      void skip() {
-         while (it_ != end_ && !Member::has(it_->second)) ++it_;
-      }
-      typename Map::const_iterator it_{};
-      typename Map::const_iterator end_{};
+      typename Set::const_iterator it_{};
    };
    using iterator = const_iterator;
 
-   KeyRecordView(const Map& map, std::size_t count) noexcept : map_(&map), count_(count) {}
-   const_iterator begin() const { return const_iterator(map_->begin(), map_->end()); }
-   const_iterator end() const { return const_iterator(map_->end(), map_->end()); }
+   explicit EntryHandleView(const Set& set) noexcept : set_(&set) {}
+   const_iterator begin() const { return const_iterator(set_->begin()); }
+   const_iterator end() const { return const_iterator(set_->end()); }
+   std::size_t size() const noexcept { return set_->size(); }
+   bool empty() const noexcept { return set_->empty(); }
+   const_iterator find(const Key& key) const { return const_iterator(set_->find(key)); }
+   bool contains(const Key& key) const { return set_->contains(key); }
+
+ private:
+   const Set* set_;  // not owned: the table's handles
+};
+
+// A table's resolved values as a collection keyed by their keys: those its handles hold,
+// then those of keys no handle holds (a register's adopted values, values whose handle has
+// gone). Each seen as (key, value). Read-only; valid until the table changes.
+template <typename Set, typename Map>
+class ResolvedEntryView {
+ public:
+   using Key = typename Map::key_type;
+   using Value = typename Map::mapped_type;
+   using value_type = std::pair<const Key&, const Value&>;
+
+   class const_iterator {
+    public:
+      using iterator_category = std::forward_iterator_tag;
+      using value_type = ResolvedEntryView::value_type;
+      using difference_type = std::ptrdiff_t;
+      using reference = value_type;
+      struct pointer {
+         value_type pair;
+         const value_type* operator->() const noexcept { return &pair; }
+      };
+
+      const_iterator() = default;
+      const_iterator(typename Set::const_iterator held, typename Set::const_iterator heldEnd,
+                     typename Map::const_iterator unheld)
+          : held_(held), heldEnd_(heldEnd), unheld_(unheld) {
+         skip();
+      }
+      value_type operator*() const {
+         if (held_ != heldEnd_) return {(*held_)->key(), (*held_)->resolvedRecord().value};
+         return {unheld_->first, unheld_->second};
+      }
+      pointer operator->() const { return pointer{**this}; }
+      const_iterator& operator++() {
+         if (held_ != heldEnd_) {
+            ++held_;
+            skip();
+         } else {
+            ++unheld_;
+         }
+         return *this;
+      }
+      const_iterator operator++(int) {
+         const_iterator before = *this;
+         ++*this;
+         return before;
+      }
+      friend bool operator==(const const_iterator& a, const const_iterator& b) {
+         return a.held_ == b.held_ && a.unheld_ == b.unheld_;
+      }
+
+    private:
+      void skip() {
+         while (held_ != heldEnd_ && !(*held_)->resolvedRecord().held) ++held_;
+      }
+      typename Set::const_iterator held_{};
+      typename Set::const_iterator heldEnd_{};
+      typename Map::const_iterator unheld_{};
+   };
+   using iterator = const_iterator;
+
+   ResolvedEntryView(const Set& held, const Map& unheld, std::size_t count) noexcept
+       : held_(&held), unheld_(&unheld), count_(count) {}
+   const_iterator begin() const {
+      return const_iterator(held_->begin(), held_->end(), unheld_->begin());
+   }
+   const_iterator end() const { return const_iterator(held_->end(), held_->end(), unheld_->end()); }
    std::size_t size() const noexcept { return count_; }
    bool empty() const noexcept { return count_ == 0; }
    const_iterator find(const Key& key) const {
-      auto it = map_->find(key);
-      if (it == map_->end() || !Member::has(it->second)) return end();
-      return const_iterator(it, map_->end());
+      if (auto it = held_->find(key); it != held_->end()) {
+         // A key with a handle has its value there, if anywhere.
+         if (!(*it)->resolvedRecord().held) return end();
+         return const_iterator(it, held_->end(), unheld_->begin());
+      }
+      auto it = unheld_->find(key);
+      if (it == unheld_->end()) return end();
+      return const_iterator(held_->end(), held_->end(), it);
    }
    bool contains(const Key& key) const { return find(key) != end(); }
 
  private:
-   const Map* map_;  // not owned: the table's records
+   const Set* held_;    // not owned: the table's handles
+   const Map* unheld_;  // not owned: values of keys without a handle
    std::size_t count_;
-};
-
-// ---------------------------------------------------------------------------------------
-// The slot a collection last found: one operation looks the same key up many times over
-// (commit, resolve, program, write, response), and a hit here costs one key comparison
-// instead of a hash and a probe. Forgotten at every insertion and erasure, the only changes
-// that can move or remove a slot.
-template <typename Map>
-class LastFoundSlot {
- public:
-   using Slot = typename Map::value_type;
-   Slot* find(Map& map, const typename Map::key_type& key) const {
-      if (slot_ && slot_->first == key) return slot_;
-      auto it = map.find(key);
-      if (it == map.end()) return nullptr;
-      slot_ = &*it;
-      return slot_;
-   }
-   // Finds the key's slot, or makes one (with a default value): one hash either way.
-   std::pair<Slot*, bool> findOrInsert(Map& map, const typename Map::key_type& key) {
-      if (slot_ && slot_->first == key) return {slot_, false};
-      auto [it, inserted] = map.try_emplace(key);
-      slot_ = &*it;
-      return {slot_, inserted};
-   }
-   void forget() noexcept { slot_ = nullptr; }
-
- private:
-   mutable Slot* slot_ = nullptr;  // not owned: a slot of the map
 };
 
 // ---------------------------------------------------------------------------------------
@@ -1421,30 +1474,33 @@ class SwTableImpl : public Base {
    using Util = UtilT;
    using EntryHandle = SwTableEntryHandleT<Derived, KeyT, EntryT>;
    using UnresolvedEntry = SwTableUnresolvedEntryT<Derived, KeyT, EntryT>;
-   // What the table keeps of a key: its handle and its resolved value, in one slot, so that
-   // every step of an operation on the key (commit, resolution, programming, the write's
-   // response, the delete dance) finds both with one look-up. A record goes when it holds
-   // neither.
-   struct KeyRecord {
-      Ptr<EntryHandle> handle;  // null: no client holds the key
-      std::optional<Entry> resolved;
-      bool hasResolved = false;  // a resolved entry, with a value or withdrawn (nullopt)
+   // The handle is the key's record: the table keeps a set of handles, looked up by the key
+   // inside each, and a handle holds the key's resolved value. Every step of an operation on
+   // a key (commit, resolution, programming, the write's response, the delete dance) finds
+   // both with one look-up, and a key costs the table one pointer besides its handle.
+   using KeyHash = SeededHash<Key, 0x2545F491u>;
+   struct HandleHash {
+      using is_transparent = void;
+      std::size_t operator()(const Key& key) const { return KeyHash{}(key); }
+      std::size_t operator()(const Ptr<EntryHandle>& eh) const { return KeyHash{}(eh->key()); }
    };
-   using KeyRecordMap = absl::flat_hash_map<Key, KeyRecord, SeededHash<Key, 0x2545F491u>>;
+   struct HandleEq {
+      using is_transparent = void;
+      static const Key& keyOf(const Key& key) noexcept { return key; }
+      static const Key& keyOf(const Ptr<EntryHandle>& eh) noexcept { return eh->key(); }
+      template <typename A, typename B>
+      bool operator()(const A& a, const B& b) const {
+         return keyOf(a) == keyOf(b);
+      }
+   };
+   using HandleSet = absl::flat_hash_set<Ptr<EntryHandle>, HandleHash, HandleEq>;
+   // Resolved values of keys that no handle holds: a register's adopted values, and values
+   // whose handle the table let go of before their withdrawal completed. Usually empty.
+   using UnheldResolvedMap = absl::flat_hash_map<Key, std::optional<Entry>, KeyHash>;
    using UnresolvedEntryMap =
        absl::flat_hash_map<Key, Ptr<UnresolvedEntry>, SeededHash<Key, 0x9E3779B9u>>;
-   // The handles, and the resolved entries, each as a collection of their own: views of the
-   // records that hold one, with their own counts.
-   struct HandleOf {
-      static bool has(const KeyRecord& r) noexcept { return r.handle != nullptr; }
-      static const Ptr<EntryHandle>& get(const KeyRecord& r) noexcept { return r.handle; }
-   };
-   struct ResolvedOf {
-      static bool has(const KeyRecord& r) noexcept { return r.hasResolved; }
-      static const std::optional<Entry>& get(const KeyRecord& r) noexcept { return r.resolved; }
-   };
-   using EntryHandleMap = KeyRecordView<KeyRecordMap, HandleOf>;
-   using ResolvedEntryMap = KeyRecordView<KeyRecordMap, ResolvedOf>;
+   using EntryHandleMap = EntryHandleView<HandleSet, Key>;
+   using ResolvedEntryMap = ResolvedEntryView<HandleSet, UnheldResolvedMap>;
    using SyncedEntryMap = absl::btree_map<Index, SyncedEntry>;
    using SyncedIndicesMap = absl::btree_map<Index, std::vector<Index>>;
    using WriteResponseCallback = std::function<void(const EntryHandle*, const Key&)>;
@@ -1522,9 +1578,9 @@ class SwTableImpl : public Base {
 
    // Each handle still attached lets go of the table and of what it holds of other tables.
    void detachHandles() {
-      for (auto& [key, record] : records_) {
-         EntryHandle* eh = record.handle.get();
-         if (!eh || !eh->swTable()) continue;
+      for (const Ptr<EntryHandle>& held : handles_) {
+         EntryHandle* eh = held.get();
+         if (!eh->swTable()) continue;
          eh->swTableIs(nullptr);
          eh->doAmendReferences();
       }
@@ -1535,9 +1591,7 @@ class SwTableImpl : public Base {
    // indices still held for stale records and the shared allocator let go of.
    void detachAll() {
       detachHandles();
-      for (auto& [key, record] : records_) {
-         if (record.handle) dropCommitCount(record.handle.get());
-      }
+      for (const Ptr<EntryHandle>& eh : handles_) dropCommitCount(eh.get());
       unresolvedEntryDelAll();
       resolvedEntryDelAll();
       this->indexHelperDelAll();
@@ -1582,7 +1636,7 @@ class SwTableImpl : public Base {
    std::string_view typeName() const noexcept override { return Derived::kTypeName; }
    std::string tableText() const {
       return fmt::format("{}(entries={}, handles={})", Derived::kTypeName, this->numEntries(),
-                         handleCount_);
+                         handles_.size());
    }
 
    // --- Util -----------------------------------------------------------------------------
@@ -1598,10 +1652,13 @@ class SwTableImpl : public Base {
    void writeResponseCallbackIs(WriteResponseCallback callback) { callback_ = std::move(callback); }
 
    // --- collections --------------------------------------------------------------------
-   EntryHandleMap entryHandles() const noexcept { return EntryHandleMap(records_, handleCount_); }
+   EntryHandleMap entryHandles() const noexcept { return EntryHandleMap(handles_); }
    EntryHandle* entryHandle(const Key& key) const {
-      auto* slot = found_.find(const_cast<KeyRecordMap&>(records_), key);
-      return slot ? slot->second.handle.get() : nullptr;
+      if (lastFound_ && lastFound_->key() == key) return lastFound_;
+      auto it = handles_.find(key);
+      if (it == handles_.end()) return nullptr;
+      lastFound_ = it->get();
+      return lastFound_;
    }
    bool entryHandleHas(const Key& key) const { return entryHandle(key) != nullptr; }
    Ptr<EntryHandle> entryHandleIs(const Key& key, Derived* table) {
@@ -1610,39 +1667,46 @@ class SwTableImpl : public Base {
              fmt::format("{}: entry handle of key {} re-instantiated for another table",
                          Derived::kTypeName, key));
       }
-      auto [slot, inserted] = found_.findOrInsert(records_, key);
-      KeyRecord& record = slot->second;
-      if (!record.handle) {
-         try {
-            record.handle = entryHandleFactory(key, table);
-         } catch (...) {
-            if (inserted) recordErase(slot);
-            throw;
+      if (EntryHandle* eh = entryHandle(key)) return Ptr<EntryHandle>(eh);
+      Ptr<EntryHandle> eh = entryHandleFactory(key, table);
+      handles_.insert(eh);
+      lastFound_ = eh.get();
+      if (!unheldResolved_.empty()) {
+         // The key's value outlived its previous handle: the new one holds it now.
+         if (auto it = unheldResolved_.find(key); it != unheldResolved_.end()) {
+            auto& record = eh->resolvedRecord();
+            record.value = std::move(it->second);
+            record.held = true;
+            unheldResolved_.erase(it);
          }
-         ++handleCount_;
       }
-      return record.handle;
+      return eh;
    }
    static Ptr<EntryHandle> entryHandleFactory(const Key& key, Derived* table) {
       return makePtr<EntryHandle>(key, table);
    }
    void entryHandleDel(const Key& key) {
-      auto* slot = found_.find(records_, key);
-      if (!slot || !slot->second.handle) return;
-      EntryHandle* eh = slot->second.handle.detach();
-      --handleCount_;
-      if (!slot->second.hasResolved) recordErase(slot);
+      auto it = handles_.find(key);
+      if (it == handles_.end()) return;
+      EntryHandle* eh = it->get();
+      keepResolvedOf(eh);
+      // Detached from its slot first: the table's count is let go of quietly below.
+      const_cast<Ptr<EntryHandle>&>(*it).detach();
+      handles_.erase(it);
+      lastFound_ = nullptr;
       this->indexHelperDel(eh);
       eh->swTableIs(nullptr);
       RefCounted::releaseQuietly(eh);  // no clean-up for a key that is gone
    }
    void entryHandleDelAll() {
       std::vector<EntryHandle*> handles;
-      handles.reserve(handleCount_);
-      recordsPrune([&handles](KeyRecord& record) {
-         if (record.handle) handles.push_back(record.handle.detach());
-      });
-      handleCount_ = 0;
+      handles.reserve(handles_.size());
+      for (const Ptr<EntryHandle>& held : handles_) keepResolvedOf(held.get());
+      for (const Ptr<EntryHandle>& held : handles_) {
+         handles.push_back(const_cast<Ptr<EntryHandle>&>(held).detach());
+      }
+      handles_.clear();
+      lastFound_ = nullptr;
       this->indexHelperDelAll();
       for (EntryHandle* eh : handles) {
          eh->swTableIs(nullptr);
@@ -1674,12 +1738,17 @@ class SwTableImpl : public Base {
    }
 
    ResolvedEntryMap resolvedEntries() const noexcept {
-      return ResolvedEntryMap(records_, resolvedCount_);
+      return ResolvedEntryMap(handles_, unheldResolved_, resolvedCount_);
    }
    std::size_t resolvedEntrys() const noexcept { return resolvedCount_; }
    const std::optional<Entry>* resolvedEntry(const Key& key) const {
-      auto* slot = found_.find(const_cast<KeyRecordMap&>(records_), key);
-      return slot && slot->second.hasResolved ? &slot->second.resolved : nullptr;
+      if (const EntryHandle* eh = entryHandle(key)) {
+         const auto& record = eh->resolvedRecord();
+         return record.held ? &record.value : nullptr;
+      }
+      if (unheldResolved_.empty()) return nullptr;
+      auto it = unheldResolved_.find(key);
+      return it == unheldResolved_.end() ? nullptr : &it->second;
    }
    bool resolvedEntryHas(const Key& key) const { return resolvedEntry(key) != nullptr; }
    // Stores a changed value and hands the key to the engine; an equal value (identity
@@ -1691,23 +1760,36 @@ class SwTableImpl : public Base {
    // takes the branches that read the value for reads of an empty optional's payload
    // (-Wmaybe-uninitialized in the entry's comparison and move constructor).
    [[gnu::noinline]] bool resolvedEntryStore(const Key& key, std::optional<Entry>& value) {
-      auto [slot, inserted] = found_.findOrInsert(records_, key);
-      KeyRecord& record = slot->second;
+      EntryHandle* eh = entryHandle(key);
+      std::optional<Entry>* current = nullptr;
+      if (eh) {
+         auto& record = eh->resolvedRecord();
+         if (record.held) {
+            current = &record.value;
+         } else {
+            record.value = std::move(value);
+            record.held = true;
+         }
+      } else {
+         auto [it, inserted] = unheldResolved_.try_emplace(key);
+         if (inserted) {
+            it->second = std::move(value);
+         } else {
+            current = &it->second;
+         }
+      }
       std::uint8_t mode = 0;
-      if (!record.hasResolved) {
-         record.resolved = std::move(value);
-         record.hasResolved = true;
+      if (!current) {
          ++resolvedCount_;
       } else {
-         const auto& current = record.resolved;
-         if (current.has_value() == value.has_value() && (!value || *current == *value))
+         if (current->has_value() == value.has_value() && (!value || **current == *value))
             return false;
-         const EntryHandle* eh = record.handle.get();
-         mode = !current ? 1
-                         : (eh && eh->resolvedEntryState() == SwTableBase::EntryState::programFailed
-                                ? 0
-                                : 2);
-         record.resolved = std::move(value);
+         mode = !*current
+                    ? 1
+                    : (eh && eh->resolvedEntryState() == SwTableBase::EntryState::programFailed
+                           ? 0
+                           : 2);
+         *current = std::move(value);
       }
       this->indexUserModeIs(mode);
       this->publish("resolvedEntry");
@@ -1717,28 +1799,39 @@ class SwTableImpl : public Base {
    // Stores a value the chip already holds as the key's resolved one, without programming
    // it (a register adopting what it read back at a restart). A key with a value keeps it.
    bool resolvedEntryAdopt(const Key& key, const Entry& value) {
-      auto [slot, inserted] = found_.findOrInsert(records_, key);
-      KeyRecord& record = slot->second;
-      if (record.hasResolved) return false;
-      record.resolved = value;
-      record.hasResolved = true;
+      if (EntryHandle* eh = entryHandle(key)) {
+         auto& record = eh->resolvedRecord();
+         if (record.held) return false;
+         record.value = value;
+         record.held = true;
+      } else if (!unheldResolved_.try_emplace(key, value).second) {
+         return false;
+      }
       ++resolvedCount_;
       this->publish("resolvedEntry");
       return true;
    }
    void resolvedEntryDel(const Key& key) {
-      auto* slot = found_.find(records_, key);
-      if (!slot || !slot->second.hasResolved) return;
-      resolvedForget(slot);
+      if (EntryHandle* eh = entryHandle(key)) {
+         auto& record = eh->resolvedRecord();
+         if (!record.held) return;
+         record.value.reset();
+         record.held = false;
+      } else if (unheldResolved_.empty() || !unheldResolved_.erase(key)) {
+         return;
+      }
+      --resolvedCount_;
       this->publish("resolvedEntry");
       accessor().handleEntry(key);
    }
    // Forgets every value without touching the hardware (table clean-up).
    void resolvedEntryDelAll() {
-      recordsPrune([](KeyRecord& record) {
-         record.resolved.reset();
-         record.hasResolved = false;
-      });
+      for (const Ptr<EntryHandle>& eh : handles_) {
+         auto& record = eh->resolvedRecord();
+         record.value.reset();
+         record.held = false;
+      }
+      unheldResolved_.clear();
       resolvedCount_ = 0;
    }
 
@@ -1820,34 +1913,22 @@ class SwTableImpl : public Base {
    Derived* self() noexcept { return static_cast<Derived*>(this); }
    const Derived* self() const noexcept { return static_cast<const Derived*>(this); }
 
-   using RecordSlot = typename KeyRecordMap::value_type;
-   void recordErase(RecordSlot* slot) {
-      records_.erase(slot->first);
-      found_.forget();
-   }
-   // Lets `clear` empty part of every record, then drops the records that hold nothing.
-   template <typename F>
-   void recordsPrune(F&& clear) {
-      absl::erase_if(records_, [&clear](RecordSlot& slot) {
-         clear(slot.second);
-         return !slot.second.handle && !slot.second.hasResolved;
-      });
-      found_.forget();
-   }
-   void resolvedForget(RecordSlot* slot) {
-      slot->second.resolved.reset();
-      slot->second.hasResolved = false;
-      --resolvedCount_;
-      if (!slot->second.handle) recordErase(slot);
+   // A handle the table lets go of leaves its key's resolved value with the table.
+   void keepResolvedOf(EntryHandle* eh) {
+      auto& record = eh->resolvedRecord();
+      if (!record.held) return;
+      unheldResolved_.insert_or_assign(eh->key(), std::move(record.value));
+      record.value.reset();
+      record.held = false;
    }
 
    Ptr<Util> util_;
-   KeyRecordMap records_;
-   std::size_t handleCount_ = 0;
-   std::size_t resolvedCount_ = 0;
+   HandleSet handles_;
+   mutable EntryHandle* lastFound_ = nullptr;  // the handle last looked up; not owned
+   UnheldResolvedMap unheldResolved_;
+   std::size_t resolvedCount_ = 0;  // held by handles and unheld
    UnresolvedEntryMap unresolvedEntries_;
    std::vector<Key> replayHeldBack_;
-   LastFoundSlot<KeyRecordMap> found_;
    SyncedEntryMap syncedEntries_;
    SyncedIndicesMap syncedIndices_;
    SkippedStaleEntryMap skippedStale_;
