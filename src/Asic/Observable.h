@@ -1,14 +1,13 @@
 #pragma once
 // Attribute-change notifications of the agent's state model: an observable object
 // announces which named attribute changed; observers (state mirrors, tests) subscribe.
-// Objects without observers pay one pointer and one branch per announcement.
+// Few objects are ever observed while millions of entry handles are observable, so an
+// object keeps only a flag and its observers live in one process-wide side table: an
+// unobserved object pays one byte and one branch per announcement.
 
-#include <algorithm>
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <string_view>
-#include <vector>
 
 namespace Asic {
 
@@ -21,39 +20,25 @@ class Observable {
    Observable(const Observable&) noexcept {}  // observers follow the object, not its copies
    Observable& operator=(const Observable&) noexcept { return *this; }
 
-   ObserverId observerIs(Observer observer) {
-      if (!observers_) observers_ = std::make_unique<std::vector<ObserverEntry>>();
-      observers_->push_back(ObserverEntry{++lastId_, std::move(observer)});
-      return lastId_;
-   }
-   void observerDel(ObserverId id) {
-      if (!observers_) return;
-      std::erase_if(*observers_, [id](const ObserverEntry& e) { return e.id == id; });
-   }
+   ObserverId observerIs(Observer observer);
+   void observerDel(ObserverId id);
 
  protected:
-   ~Observable() = default;
+   ~Observable() {
+      if (observed_) [[unlikely]]
+         forget();
+   }
    void publish(std::string_view attribute) const {
-      if (!observers_) [[likely]]
+      if (!observed_) [[likely]]
          return;
-      // Copy: an observer may subscribe or unsubscribe (itself or others) while being told;
-      // one removed meanwhile is not told any more.
-      auto observers = *observers_;
-      for (const auto& e : observers) {
-         if (std::any_of(observers_->begin(), observers_->end(),
-                         [&e](const ObserverEntry& live) { return live.id == e.id; })) {
-            e.observer(attribute);
-         }
-      }
+      tell(attribute);
    }
 
  private:
-   struct ObserverEntry {
-      ObserverId id;
-      Observer observer;
-   };
-   std::unique_ptr<std::vector<ObserverEntry>> observers_;
-   ObserverId lastId_ = 0;
+   void tell(std::string_view attribute) const;
+   void forget() noexcept;
+
+   bool observed_ = false;  // the side table holds observers (or held them) for this object
 };
 
 }  // namespace Asic

@@ -91,6 +91,7 @@ class SwTableBase : public RefCounted, public Observable {
       }
       void notifyWatchers(EntryState state);
 
+      // Laid out to fill the bases' tail: a table keeps a million handles.
       std::uint8_t entryState_ = 0;  // EntryState, stored raw as the hardware model does
       // Three state bytes of a handle: the derived engine handle uses these two.
       std::uint8_t entryType_ = 0;
@@ -109,8 +110,8 @@ class SwTableBase : public RefCounted, public Observable {
          std::uint32_t failed : 1 = 0;       // some write of the newest programming failed
       };
 
-      std::vector<EntryHandleWatcher*>* watchers_ = nullptr;  // not owned; null when none
       WriteProgress writeProgress_;
+      std::vector<EntryHandleWatcher*>* watchers_ = nullptr;  // not owned; null when none
    };
 
    // The index of a handle as written into dependent entries.

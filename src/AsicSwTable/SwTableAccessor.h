@@ -86,33 +86,35 @@ class SwTableEntryHandleT : public SwTable::EntryHandle {
 
    // Superseded values whose programming is still open, oldest first.
    void pendingEntryEnq(const Entry& entry) {
-      if (!pending_) pending_ = std::make_unique<std::vector<Entry>>();
-      pending_->push_back(entry);
+      if (!pending_) pending_ = std::make_unique<PendingQueue>();
+      pending_->values.push_back(entry);
       publish("pendingEntry");
    }
    void pendingEntryDeq() {
-      if (!pending_ || pending_->empty()) return;
-      pending_->erase(pending_->begin());  // the queue is one or two values deep
-      ++pendingFirstSeq_;
+      if (!pending_ || pending_->values.empty()) return;
+      pending_->values.erase(pending_->values.begin());  // the queue is one or two values deep
+      ++pending_->firstSeq;
       publish("pendingEntry");
    }
+   // Empties the queue; its sequence numbers go on from where they were.
    void pendingEntryDelAll() {
-      while (pending_ && !pending_->empty()) pendingEntryDeq();
-      pending_.reset();
+      while (pendingEntries() != 0) pendingEntryDeq();
+      if (pending_) std::vector<Entry>().swap(pending_->values);
    }
-   std::size_t pendingEntries() const noexcept { return pending_ ? pending_->size() : 0; }
+   std::size_t pendingEntries() const noexcept { return pending_ ? pending_->values.size() : 0; }
    Entry pendingEntryFront() const { return pendingAt(0); }
    Entry pendingEntryBack() const { return pendingAt(pendingEntries() - 1); }
    // Positional access by sequence number: the n-th value ever queued on this handle.
    bool pendingEntryHas(std::uint32_t seq) const noexcept {
-      return seq >= pendingFirstSeq_ && seq - pendingFirstSeq_ < pendingEntries();
+      std::uint32_t first = pending_ ? pending_->firstSeq : 0;
+      return seq >= first && seq - first < pendingEntries();
    }
    Entry pendingEntry(std::uint32_t seq) const {
       if (!pendingEntryHas(seq)) {
          throw std::out_of_range(
              fmt::format("pendingEntry: no element with sequence number {}", seq));
       }
-      return (*pending_)[seq - pendingFirstSeq_];
+      return pending_->values[seq - pending_->firstSeq];
    }
 
    // The key's resolved value while the handle is in its table, kept with the handle so that
@@ -137,15 +139,19 @@ class SwTableEntryHandleT : public SwTable::EntryHandle {
  private:
    Entry pendingAt(std::size_t i) const {
       if (i >= pendingEntries()) throw std::out_of_range("pendingEntry: queue is empty");
-      return (*pending_)[i];
+      return pending_->values[i];
    }
+
+   struct PendingQueue {
+      std::vector<Entry> values;
+      std::uint32_t firstSeq = 0;  // sequence number of values.front()
+   };
 
    // Small members first: they fill the base's tail padding.
    Key key_;
-   std::uint32_t pendingFirstSeq_ = 0;
    [[no_unique_address]] PolicyState state_;
    Table* swTable_ = nullptr;
-   std::unique_ptr<std::vector<Entry>> pending_;  // allocated on first use: usually empty
+   std::unique_ptr<PendingQueue> pending_;  // made on first use: usually never
    ResolvedRecord resolved_;
 };
 
@@ -1784,11 +1790,11 @@ class SwTableImpl : public Base {
       } else {
          if (current->has_value() == value.has_value() && (!value || **current == *value))
             return false;
-         mode = !*current
-                    ? 1
-                    : (eh && eh->resolvedEntryState() == SwTableBase::EntryState::programFailed
-                           ? 0
-                           : 2);
+         mode =
+             !*current
+                 ? 1
+                 : (eh && eh->resolvedEntryState() == SwTableBase::EntryState::programFailed ? 0
+                                                                                             : 2);
          *current = std::move(value);
       }
       this->indexUserModeIs(mode);

@@ -1,5 +1,6 @@
 #include "Asic/RefCounted.h"
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -166,6 +167,23 @@ TEST(ObservableTest, CopiesHaveNoObservers) {
    b.publish("x");
    a.publish("x");
    EXPECT_EQ(told, 1);
+}
+
+// Verify that an object's observers go with it: what they hold is let go of when the
+// object is destroyed, not kept for whatever object the address is used for next.
+TEST(ObservableTest, ObserversGoWithTheObject) {
+   auto held = std::make_shared<int>(0);
+   {
+      Announcer a;
+      a.observerIs([held](std::string_view) { ++*held; });
+      a.publish("x");
+      EXPECT_EQ(held.use_count(), 2);
+   }
+   EXPECT_EQ(held.use_count(), 1);
+   EXPECT_EQ(*held, 1);
+   Announcer fresh;
+   fresh.publish("y");
+   EXPECT_EQ(*held, 1);
 }
 
 }  // namespace
