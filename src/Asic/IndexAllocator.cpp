@@ -1,6 +1,7 @@
 #include "Asic/IndexAllocator.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <map>
 #include <memory>
@@ -200,8 +201,8 @@ class FreeSpace {
    std::uint32_t free_ = 0;
 };
 
-// A list that holds its first element inline: a key owns one index and is used by one
-// table almost always, and a million keys must stay small.
+// A list that holds its first element inline: a key owns one index almost always, and a
+// million keys must stay small.
 template <typename T>
 class CompactList {
    static_assert(std::is_trivially_copyable_v<T>);
@@ -273,18 +274,73 @@ class CompactList {
 
  private:
    std::uint32_t size_ = 0;
+
+ public:
+   // Four bytes that alignment leaves free beside the size, for the owner's own use.
+   std::uint32_t spare = 0;
+
+ private:
    union {
       T one_;
       T* many_;
    };
 };
 
+// The tables that use keys' indices, numbered so that a key keeps its users as bits of one
+// word: an allocator serves a handful of tables, and a million keys must stay small. A
+// number is given back when no key uses it any more.
+class UserNumbers {
+ public:
+   static constexpr std::uint32_t kMax = 32;
+
+   // The table's bit, or 0 when it has no number.
+   std::uint32_t bitOf(const void* user) const noexcept {
+      if (last_ < kMax && slots_[last_].user == user) return 1u << last_;
+      for (std::uint32_t i = 0; i < kMax; ++i) {
+         if (slots_[i].user == user && slots_[i].keys != 0) {
+            last_ = i;
+            return 1u << i;
+         }
+      }
+      return 0;
+   }
+   // The table's bit, numbering it if it has none. Throws std::length_error (naming the
+   // allocator) when every number is in use; nothing changes then.
+   std::uint32_t bitFor(const void* user, const std::string& allocator) {
+      if (std::uint32_t bit = bitOf(user)) return bit;
+      for (std::uint32_t i = 0; i < kMax; ++i) {
+         if (slots_[i].keys == 0) {
+            slots_[i].user = user;
+            last_ = i;
+            return 1u << i;
+         }
+      }
+      throw std::length_error(fmt::format(
+          "index allocator '{}': more than {} tables use its indices", allocator, kMax));
+   }
+   // Keys now count (or no longer count) the tables of `bits` among their users.
+   void added(std::uint32_t bits) noexcept {
+      for (; bits != 0; bits &= bits - 1) ++slots_[std::countr_zero(bits)].keys;
+   }
+   void removed(std::uint32_t bits) noexcept {
+      for (; bits != 0; bits &= bits - 1) --slots_[std::countr_zero(bits)].keys;
+   }
+
+ private:
+   struct Slot {
+      const void* user = nullptr;  // not owned
+      std::uint32_t keys = 0;      // keys that count the table among their users
+   };
+   std::array<Slot, kMax> slots_{};
+   mutable std::uint32_t last_ = kMax;  // the number last asked for
+};
+
 // What the allocator knows of one key. Never empty while the key is known: a key that
 // loses its last index is forgotten.
 struct KeyRecord {
    GenericValue key;
-   CompactList<Index> indices;
-   CompactList<const void*> users;  // tables using the key's indices; not owned
+   CompactList<Index> indices;  // its spare word: the bits of the tables using them
+   std::uint32_t users() const noexcept { return indices.spare; }
 };
 
 // Key records by id, in fixed chunks so records never move and ids fit the per-index
@@ -312,7 +368,7 @@ class RecordSlab {
       KeyRecord& record = at(id);
       record.key = GenericValue();
       record.indices.clear();
-      record.users.clear();
+      record.indices.spare = 0;
       freeIds_.push_back(id);
    }
 
@@ -382,6 +438,7 @@ struct GenericIndexAllocator::Impl {
    std::vector<std::uint32_t> owner;  // per index: record id, kFreeSlot, kReservedSlot, kHeldSlot
    RecordSlab slab;
    absl::flat_hash_set<KeySlot, KeySlotHash, KeySlotEq> keys;
+   UserNumbers userNumbers;
 
    std::uint32_t find(const KeyRef& ref) const {
       auto it = keys.find(ref);
@@ -393,8 +450,10 @@ struct GenericIndexAllocator::Impl {
    // The table a call is made for: null stands for the allocator's own table.
    const void* userOf(const void* user) const noexcept { return user ? user : table; }
    void addUser(KeyRecord& record, const void* user) {
-      const void* resolved = userOf(user);
-      if (!record.users.contains(resolved)) record.users.pushBack(resolved);
+      std::uint32_t bit = userNumbers.bitFor(userOf(user), name);
+      if (record.users() & bit) return;
+      record.indices.spare |= bit;
+      userNumbers.added(bit);
    }
    bool isFreeSlot(Index index) const noexcept {
       return index < numEntries && owner[index] == kFreeSlot;
@@ -418,13 +477,15 @@ struct GenericIndexAllocator::Impl {
          ASIC_ASSERT_MSG(isRecoverableSlot(indices[i]),
                          "allocator picked an index that is not free");
       }
+      std::uint32_t userBit = userNumbers.bitFor(userOf(user), name);
       std::uint32_t id = slab.acquire();
       try {
          KeyRecord& record = slab.at(id);
          record.key = GenericValue(*ref.type, ref.value);
          record.indices.assign(indices, count);
-         record.users.pushBack(userOf(user));
          keys.insert(KeySlot{id, ref.hash});
+         record.indices.spare = userBit;
+         userNumbers.added(userBit);
       } catch (...) {
          slab.release(id);
          throw;
@@ -442,6 +503,7 @@ struct GenericIndexAllocator::Impl {
          freeSpace.freeIs(index, true);
       }
       keys.erase(KeySlot{id, hashKey(*record.key.type(), record.key.data())});
+      userNumbers.removed(record.users());
       slab.release(id);
    }
 };
@@ -683,13 +745,13 @@ bool GenericIndexAllocator::isIndexAssigned(Index index, const TypeDescriptor& k
 bool GenericIndexAllocator::isIndexVerticallyShared(Index index,
                                                     const TypeDescriptor& keyType) const {
    const KeyRecord* record = impl_->ownerOf(index, keyType);
-   return record && record->users.size() > 1;
+   return record && std::popcount(record->users()) > 1;
 }
 
 bool GenericIndexAllocator::isIndexUsedBy(Index index, const TypeDescriptor& keyType,
                                           const void* table) const {
    const KeyRecord* record = impl_->ownerOf(index, keyType);
-   return record && record->users.contains(impl_->userOf(table));
+   return record && (record->users() & impl_->userNumbers.bitOf(impl_->userOf(table))) != 0;
 }
 
 // Reserved indices stay reserved: a stale purge must not put index 0 (or any other
@@ -724,7 +786,11 @@ void GenericIndexAllocator::releaseIndexFromTable(const TypeDescriptor& keyType,
    std::uint32_t id = s.find(keyType, key);
    if (id == RecordSlab::kNone) return;
    KeyRecord& record = s.slab.at(id);
-   if (record.users.erase(s.userOf(table)) && record.users.empty()) s.forget(id);
+   std::uint32_t bit = s.userNumbers.bitOf(s.userOf(table));
+   if ((record.users() & bit) == 0) return;
+   record.indices.spare &= ~bit;
+   s.userNumbers.removed(bit);
+   if (record.users() == 0) s.forget(id);
 }
 
 std::uint32_t GenericIndexAllocator::totalUsedIndices() const noexcept {

@@ -1,6 +1,7 @@
 #include "Asic/IndexAllocator.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -222,6 +223,41 @@ TEST(IndexAllocatorTest, RequestIndexOutcomes) {
    EXPECT_THAT(indicesOf(*alloc, 1), ElementsAre(5));
    EXPECT_TRUE(indicesOf(*alloc, 2).empty());
    EXPECT_EQ(alloc->totalUsedIndices(), 4u);
+}
+
+// An allocator numbers the tables that use its keys (32 at once): a 33rd table is refused
+// with an error naming the allocator and changes nothing, and a number comes free for it
+// once no key counts its previous table among its users any more.
+TEST(IndexAllocatorTest, TablesUsingKeysAreNumberedAndTheirNumbersReused) {
+   auto alloc = makeAllocator(Kind::firstFree, 64);
+   std::array<int, 33> tables{};
+   for (std::uint32_t t = 0; t < 32; ++t) {
+      ASSERT_EQ(newIndex(*alloc, t, &tables[t]), t);
+      ASSERT_EQ(newIndex(*alloc, 0, &tables[t]), 0u) << "table " << t << " shares key 0";
+   }
+   EXPECT_TRUE(alloc->isIndexVerticallyShared(0, smallType()));
+   EXPECT_THAT(messageOf<std::length_error>([&] { newIndex(*alloc, 40, &tables[32]); }),
+               HasSubstr("index allocator 'test': more than 32 tables"));
+   EXPECT_THAT(messageOf<std::length_error>([&] { newIndex(*alloc, 0, &tables[32]); }),
+               HasSubstr("more than 32 tables"));
+   EXPECT_TRUE(indicesOf(*alloc, 40).empty());
+   EXPECT_FALSE(alloc->isIndexUsedBy(0, smallType(), &tables[32]));
+   EXPECT_EQ(alloc->numKeys(), 32u);
+
+   release(*alloc, 5, &tables[5]);
+   EXPECT_TRUE(indicesOf(*alloc, 5).empty());
+   EXPECT_TRUE(alloc->isIndexUsedBy(0, smallType(), &tables[5])) << "key 0 still counts it";
+   release(*alloc, 0, &tables[5]);
+   EXPECT_FALSE(alloc->isIndexUsedBy(0, smallType(), &tables[5]));
+   EXPECT_EQ(newIndex(*alloc, 40, &tables[32]), 5u);
+   EXPECT_TRUE(alloc->isIndexUsedBy(5, smallType(), &tables[32]));
+   EXPECT_FALSE(alloc->isIndexUsedBy(5, smallType(), &tables[5]));
+   EXPECT_FALSE(alloc->isIndexUsedBy(0, smallType(), &tables[32]));
+
+   // Key 0 lives until its last table lets go.
+   for (std::uint32_t t = 0; t < 32; ++t) release(*alloc, 0, &tables[t]);
+   EXPECT_TRUE(indicesOf(*alloc, 0).empty());
+   EXPECT_TRUE(alloc->isIndexFree(0));
 }
 
 // A hint is only a place to look first: a wrong, free, reserved, held or out-of-range hint
