@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <utility>
 
+#include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
 #include <absl/hash/hash.h>
 #include <fmt/format.h>
@@ -288,10 +289,12 @@ class CompactList {
 
 // The tables that use keys' indices, numbered so that a key keeps its users as bits of one
 // word: an allocator serves a handful of tables, and a million keys must stay small. A
-// number is given back when no key uses it any more.
+// number is given back when no key uses it any more. Bit 31 is not a number: it says the
+// key has users beyond the numbered ones, listed apart.
 class UserNumbers {
  public:
-   static constexpr std::uint32_t kMax = 32;
+   static constexpr std::uint32_t kMax = 31;
+   static constexpr std::uint32_t kListedApart = 1u << kMax;
 
    // The table's bit, or 0 when it has no number.
    std::uint32_t bitOf(const void* user) const noexcept {
@@ -304,9 +307,8 @@ class UserNumbers {
       }
       return 0;
    }
-   // The table's bit, numbering it if it has none. Throws std::length_error (naming the
-   // allocator) when every number is in use; nothing changes then.
-   std::uint32_t bitFor(const void* user, const std::string& allocator) {
+   // The table's bit, numbering it if it has none; 0 when every number is in use.
+   std::uint32_t bitFor(const void* user) noexcept {
       if (std::uint32_t bit = bitOf(user)) return bit;
       for (std::uint32_t i = 0; i < kMax; ++i) {
          if (slots_[i].keys == 0) {
@@ -315,14 +317,15 @@ class UserNumbers {
             return 1u << i;
          }
       }
-      throw std::length_error(fmt::format(
-          "index allocator '{}': more than {} tables use its indices", allocator, kMax));
+      return 0;
    }
    // Keys now count (or no longer count) the tables of `bits` among their users.
    void added(std::uint32_t bits) noexcept {
+      bits &= ~kListedApart;
       for (; bits != 0; bits &= bits - 1) ++slots_[std::countr_zero(bits)].keys;
    }
    void removed(std::uint32_t bits) noexcept {
+      bits &= ~kListedApart;
       for (; bits != 0; bits &= bits - 1) --slots_[std::countr_zero(bits)].keys;
    }
 
@@ -439,6 +442,9 @@ struct GenericIndexAllocator::Impl {
    RecordSlab slab;
    absl::flat_hash_set<KeySlot, KeySlotHash, KeySlotEq> keys;
    UserNumbers userNumbers;
+   // Users of keys beyond the numbered tables, by record id: empty unless more than 31
+   // tables share the allocator at once.
+   absl::flat_hash_map<std::uint32_t, std::vector<const void*>> usersApart;
 
    std::uint32_t find(const KeyRef& ref) const {
       auto it = keys.find(ref);
@@ -449,11 +455,54 @@ struct GenericIndexAllocator::Impl {
    }
    // The table a call is made for: null stands for the allocator's own table.
    const void* userOf(const void* user) const noexcept { return user ? user : table; }
-   void addUser(KeyRecord& record, const void* user) {
-      std::uint32_t bit = userNumbers.bitFor(userOf(user), name);
-      if (record.users() & bit) return;
-      record.indices.spare |= bit;
-      userNumbers.added(bit);
+   // The users of the key of record `id`. `user` is as callers pass it (null: own table).
+   bool hasUser(std::uint32_t id, const KeyRecord& record, const void* user) const {
+      const void* table = userOf(user);
+      if ((record.users() & userNumbers.bitOf(table)) != 0) return true;
+      if ((record.users() & UserNumbers::kListedApart) == 0) return false;
+      const auto& apart = usersApart.at(id);
+      return std::find(apart.begin(), apart.end(), table) != apart.end();
+   }
+   std::size_t userCount(std::uint32_t id, const KeyRecord& record) const {
+      std::size_t count = std::popcount(record.users() & ~UserNumbers::kListedApart);
+      if (record.users() & UserNumbers::kListedApart) count += usersApart.at(id).size();
+      return count;
+   }
+   void addUser(std::uint32_t id, KeyRecord& record, const void* user) {
+      if (hasUser(id, record, user)) return;
+      const void* table = userOf(user);
+      if (std::uint32_t bit = userNumbers.bitFor(table)) {
+         record.indices.spare |= bit;
+         userNumbers.added(bit);
+         return;
+      }
+      usersApart[id].push_back(table);
+      record.indices.spare |= UserNumbers::kListedApart;
+   }
+   // False when the key did not count the user.
+   bool removeUser(std::uint32_t id, KeyRecord& record, const void* user) {
+      const void* table = userOf(user);
+      if (std::uint32_t bit = userNumbers.bitOf(table) & record.users()) {
+         record.indices.spare &= ~bit;
+         userNumbers.removed(bit);
+         return true;
+      }
+      if ((record.users() & UserNumbers::kListedApart) == 0) return false;
+      auto it = usersApart.find(id);
+      auto& apart = it->second;
+      auto found = std::find(apart.begin(), apart.end(), table);
+      if (found == apart.end()) return false;
+      apart.erase(found);
+      if (apart.empty()) {
+         usersApart.erase(it);
+         record.indices.spare &= ~UserNumbers::kListedApart;
+      }
+      return true;
+   }
+   void dropUsers(std::uint32_t id, KeyRecord& record) noexcept {
+      userNumbers.removed(record.users());
+      if (record.users() & UserNumbers::kListedApart) usersApart.erase(id);
+      record.indices.spare = 0;
    }
    bool isFreeSlot(Index index) const noexcept {
       return index < numEntries && owner[index] == kFreeSlot;
@@ -477,16 +526,15 @@ struct GenericIndexAllocator::Impl {
          ASIC_ASSERT_MSG(isRecoverableSlot(indices[i]),
                          "allocator picked an index that is not free");
       }
-      std::uint32_t userBit = userNumbers.bitFor(userOf(user), name);
       std::uint32_t id = slab.acquire();
       try {
          KeyRecord& record = slab.at(id);
          record.key = GenericValue(*ref.type, ref.value);
          record.indices.assign(indices, count);
+         addUser(id, record, user);
          keys.insert(KeySlot{id, ref.hash});
-         record.indices.spare = userBit;
-         userNumbers.added(userBit);
       } catch (...) {
+         dropUsers(id, slab.at(id));
          slab.release(id);
          throw;
       }
@@ -503,7 +551,7 @@ struct GenericIndexAllocator::Impl {
          freeSpace.freeIs(index, true);
       }
       keys.erase(KeySlot{id, hashKey(*record.key.type(), record.key.data())});
-      userNumbers.removed(record.users());
+      dropUsers(id, record);
       slab.release(id);
    }
 };
@@ -589,7 +637,7 @@ Index GenericIndexAllocator::newIndexForKey(const TypeDescriptor& keyType, const
    const KeyRef ref(keyType, key);
    if (std::uint32_t id = s.find(ref); id != RecordSlab::kNone) {
       KeyRecord& record = s.slab.at(id);
-      s.addUser(record, user);
+      s.addUser(id, record, user);
       return record.indices.front();
    }
    std::vector<Index> picked = pickIndices(1);
@@ -624,7 +672,7 @@ GenericIndexAllocator::RequestStatus GenericIndexAllocator::requestIndexForKey(
       if (record.indices.size() != 1 || record.indices.front() != index) {
          return RequestStatus::keyHasOther;
       }
-      s.addUser(record, user);
+      s.addUser(id, record, user);
       return RequestStatus::alreadyOwned;
    }
    if (s.owner[index] != kFreeSlot) return RequestStatus::indexTaken;
@@ -665,7 +713,7 @@ std::vector<Index> GenericIndexAllocator::newIndicesForKey(const TypeDescriptor&
    const KeyRef ref(keyType, key);
    if (std::uint32_t id = s.find(ref); id != RecordSlab::kNone) {
       KeyRecord& record = s.slab.at(id);
-      s.addUser(record, user);
+      s.addUser(id, record, user);
       return record.indices.toVector();
    }
    if (blockSize == 0) {
@@ -745,13 +793,13 @@ bool GenericIndexAllocator::isIndexAssigned(Index index, const TypeDescriptor& k
 bool GenericIndexAllocator::isIndexVerticallyShared(Index index,
                                                     const TypeDescriptor& keyType) const {
    const KeyRecord* record = impl_->ownerOf(index, keyType);
-   return record && std::popcount(record->users()) > 1;
+   return record && impl_->userCount(impl_->owner[index], *record) > 1;
 }
 
 bool GenericIndexAllocator::isIndexUsedBy(Index index, const TypeDescriptor& keyType,
                                           const void* table) const {
    const KeyRecord* record = impl_->ownerOf(index, keyType);
-   return record && (record->users() & impl_->userNumbers.bitOf(impl_->userOf(table))) != 0;
+   return record && impl_->hasUser(impl_->owner[index], *record, table);
 }
 
 // Reserved indices stay reserved: a stale purge must not put index 0 (or any other
@@ -786,11 +834,7 @@ void GenericIndexAllocator::releaseIndexFromTable(const TypeDescriptor& keyType,
    std::uint32_t id = s.find(keyType, key);
    if (id == RecordSlab::kNone) return;
    KeyRecord& record = s.slab.at(id);
-   std::uint32_t bit = s.userNumbers.bitOf(s.userOf(table));
-   if ((record.users() & bit) == 0) return;
-   record.indices.spare &= ~bit;
-   s.userNumbers.removed(bit);
-   if (record.users() == 0) s.forget(id);
+   if (s.removeUser(id, record, table) && record.users() == 0) s.forget(id);
 }
 
 std::uint32_t GenericIndexAllocator::totalUsedIndices() const noexcept {

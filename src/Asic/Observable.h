@@ -38,7 +38,7 @@ class Observable {
    void tell(std::string_view attribute) const;
    void forget() noexcept;
 
-   bool observed_ = false;  // the side table holds observers (or held them) for this object
+   bool observed_ = false;  // the side table holds observers of this object
 };
 
 }  // namespace Asic

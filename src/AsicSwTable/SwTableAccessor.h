@@ -1674,6 +1674,7 @@ class SwTableImpl : public Base {
                          Derived::kTypeName, key));
       }
       if (EntryHandle* eh = entryHandle(key)) return Ptr<EntryHandle>(eh);
+      handles_.reserve(handles_.size() + 1);  // the insertion below cannot throw then
       Ptr<EntryHandle> eh = entryHandleFactory(key, table);
       handles_.insert(eh);
       lastFound_ = eh.get();
@@ -1777,12 +1778,9 @@ class SwTableImpl : public Base {
             record.held = true;
          }
       } else {
-         auto [it, inserted] = unheldResolved_.try_emplace(key);
-         if (inserted) {
-            it->second = std::move(value);
-         } else {
-            current = &it->second;
-         }
+         // try_emplace leaves the value alone when the key is there already.
+         auto [it, inserted] = unheldResolved_.try_emplace(key, std::move(value));
+         if (!inserted) current = &it->second;
       }
       std::uint8_t mode = 0;
       if (!current) {

@@ -225,39 +225,54 @@ TEST(IndexAllocatorTest, RequestIndexOutcomes) {
    EXPECT_EQ(alloc->totalUsedIndices(), 4u);
 }
 
-// An allocator numbers the tables that use its keys (32 at once): a 33rd table is refused
-// with an error naming the allocator and changes nothing, and a number comes free for it
-// once no key counts its previous table among its users any more.
-TEST(IndexAllocatorTest, TablesUsingKeysAreNumberedAndTheirNumbersReused) {
+// An allocator numbers the tables that use its keys, 31 at once; tables beyond those are
+// kept apart per key. Either way a key counts each table once, lives until its last table
+// lets go, and a table's number comes free for another once no key counts the table.
+TEST(IndexAllocatorTest, EveryTableSharingAKeyCountsWhateverItsNumber) {
    auto alloc = makeAllocator(Kind::firstFree, 64);
-   std::array<int, 33> tables{};
-   for (std::uint32_t t = 0; t < 32; ++t) {
-      ASSERT_EQ(newIndex(*alloc, t, &tables[t]), t);
-      ASSERT_EQ(newIndex(*alloc, 0, &tables[t]), 0u) << "table " << t << " shares key 0";
+   std::array<int, 40> tables{};
+   for (std::uint32_t t = 0; t < tables.size(); ++t) {
+      ASSERT_EQ(newIndex(*alloc, t, &tables[t]), t) << "table " << t << "'s own key";
    }
-   EXPECT_TRUE(alloc->isIndexVerticallyShared(0, smallType()));
-   EXPECT_THAT(messageOf<std::length_error>([&] { newIndex(*alloc, 40, &tables[32]); }),
-               HasSubstr("index allocator 'test': more than 32 tables"));
-   EXPECT_THAT(messageOf<std::length_error>([&] { newIndex(*alloc, 0, &tables[32]); }),
-               HasSubstr("more than 32 tables"));
-   EXPECT_TRUE(indicesOf(*alloc, 40).empty());
-   EXPECT_FALSE(alloc->isIndexUsedBy(0, smallType(), &tables[32]));
-   EXPECT_EQ(alloc->numKeys(), 32u);
+   for (std::uint32_t t = 0; t < tables.size(); ++t) {
+      ASSERT_EQ(newIndex(*alloc, 100, &tables[t]), 40u) << "table " << t << " shares key 100";
+      ASSERT_EQ(request(*alloc, 40, 100, &tables[t]), Status::alreadyOwned) << "counted once";
+   }
+   for (std::uint32_t t = 0; t < tables.size(); ++t) {
+      EXPECT_TRUE(alloc->isIndexUsedBy(t, smallType(), &tables[t])) << t;
+      EXPECT_FALSE(alloc->isIndexUsedBy(t, smallType(), &tables[(t + 1) % tables.size()])) << t;
+      EXPECT_TRUE(alloc->isIndexUsedBy(40, smallType(), &tables[t])) << t;
+   }
+   EXPECT_TRUE(alloc->isIndexVerticallyShared(40, smallType()));
+   EXPECT_FALSE(alloc->isIndexVerticallyShared(35, smallType()));
 
-   release(*alloc, 5, &tables[5]);
-   EXPECT_TRUE(indicesOf(*alloc, 5).empty());
-   EXPECT_TRUE(alloc->isIndexUsedBy(0, smallType(), &tables[5])) << "key 0 still counts it";
-   release(*alloc, 0, &tables[5]);
-   EXPECT_FALSE(alloc->isIndexUsedBy(0, smallType(), &tables[5]));
-   EXPECT_EQ(newIndex(*alloc, 40, &tables[32]), 5u);
-   EXPECT_TRUE(alloc->isIndexUsedBy(5, smallType(), &tables[32]));
-   EXPECT_FALSE(alloc->isIndexUsedBy(5, smallType(), &tables[5]));
-   EXPECT_FALSE(alloc->isIndexUsedBy(0, smallType(), &tables[32]));
+   // Tables 0-4 go; five new tables take their indices and their numbers.
+   for (std::uint32_t t = 0; t < 5; ++t) {
+      release(*alloc, t, &tables[t]);
+      release(*alloc, 100, &tables[t]);
+      EXPECT_FALSE(alloc->isIndexUsedBy(40, smallType(), &tables[t])) << t;
+   }
+   std::array<int, 5> later{};
+   for (std::uint32_t t = 0; t < later.size(); ++t) {
+      EXPECT_EQ(newIndex(*alloc, 200 + t, &later[t]), t);
+      EXPECT_TRUE(alloc->isIndexUsedBy(t, smallType(), &later[t]));
+      EXPECT_FALSE(alloc->isIndexUsedBy(40, smallType(), &later[t]));
+   }
 
-   // Key 0 lives until its last table lets go.
-   for (std::uint32_t t = 0; t < 32; ++t) release(*alloc, 0, &tables[t]);
-   EXPECT_TRUE(indicesOf(*alloc, 0).empty());
-   EXPECT_TRUE(alloc->isIndexFree(0));
+   // Table 39, kept apart for key 100, gets a number for a new key: key 100 still counts it
+   // once, and lets it go once.
+   release(*alloc, 200, &later[0]);
+   EXPECT_EQ(newIndex(*alloc, 300, &tables[39]), 0u);
+   EXPECT_EQ(newIndex(*alloc, 100, &tables[39]), 40u);
+   release(*alloc, 100, &tables[39]);
+   EXPECT_FALSE(alloc->isIndexUsedBy(40, smallType(), &tables[39]));
+   EXPECT_TRUE(alloc->isIndexUsedBy(0, smallType(), &tables[39]));
+
+   for (std::uint32_t t = 5; t < 38; ++t) release(*alloc, 100, &tables[t]);
+   EXPECT_FALSE(alloc->isIndexVerticallyShared(40, smallType()));
+   release(*alloc, 100, &tables[38]);
+   EXPECT_TRUE(alloc->isIndexFree(40)) << "key 100 goes with its last table";
+   EXPECT_TRUE(indicesOf(*alloc, 100).empty());
 }
 
 // A hint is only a place to look first: a wrong, free, reserved, held or out-of-range hint

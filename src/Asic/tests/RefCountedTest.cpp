@@ -186,5 +186,24 @@ TEST(ObservableTest, ObserversGoWithTheObject) {
    EXPECT_EQ(*held, 1);
 }
 
+// Verify that removing an observer that holds the last count of another observed object
+// destroys that object cleanly (its observers go with it), and that an object whose last
+// observer went is announced to nobody.
+TEST(ObservableTest, RemovedObserverMayHoldTheLastOfAnotherObservedObject) {
+   auto inner = std::make_shared<Announcer>();
+   int innerTold = 0;
+   inner->observerIs([&](std::string_view) { ++innerTold; });
+   Announcer outer;
+   int outerTold = 0;
+   auto id = outer.observerIs([held = std::move(inner), &outerTold](std::string_view attr) {
+      ++outerTold;
+      held->publish(attr);
+   });
+   outer.publish("x");
+   outer.observerDel(id);
+   outer.publish("y");
+   EXPECT_EQ(outerTold, 1);
+   EXPECT_EQ(innerTold, 1);
+}
 }  // namespace
 }  // namespace Asic
