@@ -666,7 +666,7 @@ class SwTable::Accessor {
    }
 
    void cleanup(EntryHandle* eh) {
-      if (eh->swTable() != swTable_ || swTable_->entryHandle(eh->key()) != eh) return;
+      if (!swTable_->entryHandleHeld(eh)) return;
       // Already waiting for the hardware to confirm its delete.
       if (eh->entryType() == EntryType::inDeletion) return;
       RefCounted::Pin pin(eh);
@@ -714,7 +714,8 @@ class SwTable::Accessor {
       }
       RefCounted::Pin pin(eh);
       const Key& key = eh->key();  // the pin keeps the handle, and so its key
-      ASIC_ASSERT_TEXT(swTable_->entryHandle(key) == eh, "swTable_->entryHandleHas( key )", "");
+      const bool held = swTable_->entryHandleHeld(eh);
+      ASIC_ASSERT_TEXT(held, "swTable_->entryHandleHas( key )", "");
       const auto* resolved = swTable_->resolvedEntry(key);
       if (!resolved || !resolved->has_value()) {
          ASIC_ASSERT_TEXT(rs == State::success, "resolvedEntryState == success()", "");
@@ -1667,6 +1668,15 @@ class SwTableImpl : public Base {
       return lastFound_;
    }
    bool entryHandleHas(const Key& key) const { return entryHandle(key) != nullptr; }
+   // Whether the table holds this handle, answered from the handle: one that names the table
+   // is in the set (it lets go of the table whenever it leaves the set). The look-ups of its
+   // key that follow find it without a probe, so a write's response, which arrives with its
+   // handle, looks nothing up.
+   bool entryHandleHeld(EntryHandle* eh) const noexcept {
+      if (eh->swTable() != self()) return false;
+      lastFound_ = eh;
+      return true;
+   }
    Ptr<EntryHandle> entryHandleIs(const Key& key, Derived* table) {
       if (table != self()) {
          throw std::logic_error(
