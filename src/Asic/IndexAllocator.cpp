@@ -544,13 +544,19 @@ struct GenericIndexAllocator::Impl {
       }
    }
 
+   using KeySet = absl::flat_hash_set<KeySlot, KeySlotHash, KeySlotEq>;
    void forget(std::uint32_t id) {
+      const KeyRecord& record = slab.at(id);
+      forget(id, keys.find(KeySlot{id, hashKey(*record.key.type(), record.key.data())}));
+   }
+   // `slot` is the key's element of the key set, where the caller found the key.
+   void forget(std::uint32_t id, KeySet::iterator slot) {
       KeyRecord& record = slab.at(id);
       for (Index index : record.indices) {
          owner[index] = kFreeSlot;
          freeSpace.freeIs(index, true);
       }
-      keys.erase(KeySlot{id, hashKey(*record.key.type(), record.key.data())});
+      keys.erase(slot);
       dropUsers(id, record);
       slab.release(id);
    }
@@ -831,10 +837,12 @@ void GenericIndexAllocator::markIndexAvailable(Index index, const TypeDescriptor
 void GenericIndexAllocator::releaseIndexFromTable(const TypeDescriptor& keyType, const void* key,
                                                   const void* table) {
    Impl& s = *impl_;
-   std::uint32_t id = s.find(keyType, key);
-   if (id == RecordSlab::kNone) return;
+   auto slot = s.keys.find(KeyRef(keyType, key));
+   if (slot == s.keys.end()) return;
+   const std::uint32_t id = slot->id;
    KeyRecord& record = s.slab.at(id);
-   if (s.removeUser(id, record, table) && record.users() == 0) s.forget(id);
+   // The key goes from where it was found: no second hash and probe.
+   if (s.removeUser(id, record, table) && record.users() == 0) s.forget(id, slot);
 }
 
 std::uint32_t GenericIndexAllocator::totalUsedIndices() const noexcept {
