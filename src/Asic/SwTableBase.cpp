@@ -1,6 +1,10 @@
 #include "Asic/SwTableBase.h"
 
 #include <algorithm>
+#include <mutex>
+#include <vector>
+
+#include <absl/container/flat_hash_map.h>
 
 namespace Asic {
 
@@ -24,7 +28,38 @@ std::string_view toString(SwTableBase::EntryState state) noexcept {
    return "invalid";
 }
 
-SwTableBase::EntryHandle::~EntryHandle() { delete watchers_; }
+namespace {
+
+using Watchers = std::vector<SwTableBase::EntryHandleWatcher*>;  // not owned
+
+// Watchers of every watched handle. Locked so that handles of tables on several threads may
+// be watched; one handle is watched and told from one thread at a time.
+struct WatcherTable {
+   std::mutex mutex;
+   absl::flat_hash_map<const SwTableBase::EntryHandle*, Watchers> byHandle;
+};
+
+WatcherTable& watcherTable() {
+   static auto* table = new WatcherTable;  // never destroyed: handles may outlive statics
+   return *table;
+}
+
+}  // namespace
+
+SwTableBase::EntryHandle::~EntryHandle() {
+   if (!watched_) return;
+   WatcherTable& side = watcherTable();
+   std::lock_guard lock(side.mutex);
+   side.byHandle.erase(this);
+}
+
+std::size_t SwTableBase::EntryHandle::watchers() const noexcept {
+   if (!watched_) return 0;
+   WatcherTable& side = watcherTable();
+   std::lock_guard lock(side.mutex);
+   auto it = side.byHandle.find(this);
+   return it == side.byHandle.end() ? 0 : it->second.size();
+}
 
 void SwTableBase::EntryHandle::entryStateIs(EntryState state) {
    ASIC_ASSERT_MSG(static_cast<std::uint8_t>(state) < kEntryStateCount, "invalid entry state");
@@ -44,30 +79,50 @@ void SwTableBase::EntryHandle::entryStateRepublish() {
 }
 
 void SwTableBase::EntryHandle::watcherIs(EntryHandleWatcher* watcher) {
-   if (!watchers_) watchers_ = new std::vector<EntryHandleWatcher*>();
-   watchers_->push_back(watcher);
+   WatcherTable& side = watcherTable();
+   std::lock_guard lock(side.mutex);
+   side.byHandle[this].push_back(watcher);
+   watched_ = 1;
 }
 
 void SwTableBase::EntryHandle::watcherDel(EntryHandleWatcher* watcher) noexcept {
-   if (!watchers_) return;
-   auto it = std::find(watchers_->begin(), watchers_->end(), watcher);
-   if (it != watchers_->end()) watchers_->erase(it);
-   if (watchers_->empty()) {
-      delete watchers_;
-      watchers_ = nullptr;
+   if (!watched_) return;
+   WatcherTable& side = watcherTable();
+   std::lock_guard lock(side.mutex);
+   auto it = side.byHandle.find(this);
+   if (it == side.byHandle.end()) return;
+   Watchers& watchers = it->second;
+   if (auto w = std::find(watchers.begin(), watchers.end(), watcher); w != watchers.end()) {
+      watchers.erase(w);
+   }
+   if (watchers.empty()) {
+      side.byHandle.erase(it);
+      watched_ = 0;
    }
 }
 
 void SwTableBase::EntryHandle::notifyWatchers(EntryState state) {
-   if (!watchers_) return;
+   if (!watched_) return;
+   WatcherTable& side = watcherTable();
    // A watcher may resolve and unregister itself while being told: walk a copy, and keep
    // this handle alive for the walk (a pin: the walk itself is not a user).
    Pin pin(this);
-   auto watchers = *watchers_;
+   Watchers watchers;
+   {
+      std::lock_guard lock(side.mutex);
+      auto it = side.byHandle.find(this);
+      if (it == side.byHandle.end()) return;
+      watchers = it->second;
+   }
    for (EntryHandleWatcher* w : watchers) {
-      if (watchers_ && std::find(watchers_->begin(), watchers_->end(), w) != watchers_->end()) {
-         w->neededEntryHandleStateIs(this, state);
+      bool still = false;
+      {
+         std::lock_guard lock(side.mutex);
+         auto it = side.byHandle.find(this);
+         still = it != side.byHandle.end() &&
+                 std::find(it->second.begin(), it->second.end(), w) != it->second.end();
       }
+      if (still) w->neededEntryHandleStateIs(this, state);
    }
 }
 

@@ -57,10 +57,12 @@ class SwTableBase : public RefCounted, public Observable {
       Index hwIndex() const noexcept { return hwIndex_; }
       void hwIndexIs(Index hwIndex) noexcept { hwIndex_ = hwIndex; }
 
-      // Handles that wait for this one (unresolved entries of dependent tables).
+      // Handles that wait for this one (unresolved entries of dependent tables). Few handles
+      // are waited for at once, so they live in a process-wide side table; a handle keeps a
+      // flag.
       void watcherIs(EntryHandleWatcher* watcher);
       void watcherDel(EntryHandleWatcher* watcher) noexcept;
-      std::size_t watchers() const noexcept { return watchers_ ? watchers_->size() : 0; }
+      std::size_t watchers() const noexcept;
 
       // Index that a dependent table writes into its entry for this handle.
       virtual Index hwIndexForDependentField() const { return hwIndex_; }
@@ -93,8 +95,11 @@ class SwTableBase : public RefCounted, public Observable {
 
       // Laid out to fill the bases' tail: a table keeps a million handles.
       std::uint8_t entryState_ = 0;  // EntryState, stored raw as the hardware model does
-      // Three state bytes of a handle: the derived engine handle uses these two.
-      std::uint8_t entryType_ = 0;
+      // Three state bytes of a handle: the derived engine handle uses these two, and keeps
+      // a flag of its own beside the entry type.
+      std::uint8_t entryType_ : 2 = 0;
+      std::uint8_t engineFlags_ : 5 = 0;
+      std::uint8_t watched_ : 1 = 0;  // the side table holds watchers of this handle
       std::uint8_t resolvedEntryState_ = 0;
       Index hwIndex_ = invalidIndex;
 
@@ -111,7 +116,6 @@ class SwTableBase : public RefCounted, public Observable {
       };
 
       WriteProgress writeProgress_;
-      std::vector<EntryHandleWatcher*>* watchers_ = nullptr;  // not owned; null when none
    };
 
    // The index of a handle as written into dependent entries.

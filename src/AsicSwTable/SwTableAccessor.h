@@ -118,14 +118,21 @@ class SwTableEntryHandleT : public SwTable::EntryHandle {
    }
 
    // The key's resolved value while the handle is in its table, kept with the handle so that
-   // every step of an operation on the key finds both with one look-up. The table moves it
-   // out when it lets go of the handle. Engine state: clients read resolvedEntry().
-   struct ResolvedRecord {
-      std::optional<Entry> value;
-      bool held = false;  // a resolved entry, with a value or withdrawn (nullopt)
-   };
-   ResolvedRecord& resolvedRecord() noexcept { return resolved_; }
-   const ResolvedRecord& resolvedRecord() const noexcept { return resolved_; }
+   // every step of an operation on the key finds both with one look-up: null when the key has
+   // none, else a value or a withdrawal (nullopt). The table moves it out when it lets go of
+   // the handle. Engine state: clients read the table's resolvedEntry().
+   const std::optional<Entry>* resolvedValue() const noexcept {
+      return resolvedHeld() ? &resolved_ : nullptr;
+   }
+   std::optional<Entry>* resolvedValue() noexcept { return resolvedHeld() ? &resolved_ : nullptr; }
+   void resolvedValueIs(std::optional<Entry> value) {
+      resolved_ = std::move(value);
+      engineFlags_ |= kResolvedHeld;
+   }
+   void resolvedValueDel() noexcept {
+      resolved_.reset();
+      engineFlags_ &= ~kResolvedHeld;
+   }
 
    Index hwIndexForDependentField() const override;
    void handleEntryState() override;
@@ -147,12 +154,16 @@ class SwTableEntryHandleT : public SwTable::EntryHandle {
       std::uint32_t firstSeq = 0;  // sequence number of values.front()
    };
 
+   // The engine's flag, in the bits the base leaves it: resolved_ is the key's resolved value.
+   static constexpr std::uint8_t kResolvedHeld = 1;
+   bool resolvedHeld() const noexcept { return (engineFlags_ & kResolvedHeld) != 0; }
+
    // Small members first: they fill the base's tail padding.
    Key key_;
    [[no_unique_address]] PolicyState state_;
    Table* swTable_ = nullptr;
    std::unique_ptr<PendingQueue> pending_;  // made on first use: usually never
-   ResolvedRecord resolved_;
+   std::optional<Entry> resolved_;          // meaningful while resolvedHeld()
 };
 
 // Per-table unresolved entry: the committed value and the handles it waits for.
@@ -1406,7 +1417,7 @@ class ResolvedEntryView {
          skip();
       }
       value_type operator*() const {
-         if (held_ != heldEnd_) return {(*held_)->key(), (*held_)->resolvedRecord().value};
+         if (held_ != heldEnd_) return {(*held_)->key(), *(*held_)->resolvedValue()};
          return {unheld_->first, unheld_->second};
       }
       pointer operator->() const { return pointer{**this}; }
@@ -1430,7 +1441,7 @@ class ResolvedEntryView {
 
     private:
       void skip() {
-         while (held_ != heldEnd_ && !(*held_)->resolvedRecord().held) ++held_;
+         while (held_ != heldEnd_ && !(*held_)->resolvedValue()) ++held_;
       }
       typename Set::const_iterator held_{};
       typename Set::const_iterator heldEnd_{};
@@ -1449,7 +1460,7 @@ class ResolvedEntryView {
    const_iterator find(const Key& key) const {
       if (auto it = held_->find(key); it != held_->end()) {
          // A key with a handle has its value there, if anywhere.
-         if (!(*it)->resolvedRecord().held) return end();
+         if (!(*it)->resolvedValue()) return end();
          return const_iterator(it, held_->end(), unheld_->begin());
       }
       auto it = unheld_->find(key);
@@ -1691,9 +1702,7 @@ class SwTableImpl : public Base {
       if (!unheldResolved_.empty()) {
          // The key's value outlived its previous handle: the new one holds it now.
          if (auto it = unheldResolved_.find(key); it != unheldResolved_.end()) {
-            auto& record = eh->resolvedRecord();
-            record.value = std::move(it->second);
-            record.held = true;
+            eh->resolvedValueIs(std::move(it->second));
             unheldResolved_.erase(it);
          }
       }
@@ -1759,10 +1768,7 @@ class SwTableImpl : public Base {
    }
    std::size_t resolvedEntrys() const noexcept { return resolvedCount_; }
    const std::optional<Entry>* resolvedEntry(const Key& key) const {
-      if (const EntryHandle* eh = entryHandle(key)) {
-         const auto& record = eh->resolvedRecord();
-         return record.held ? &record.value : nullptr;
-      }
+      if (const EntryHandle* eh = entryHandle(key)) return eh->resolvedValue();
       if (unheldResolved_.empty()) return nullptr;
       auto it = unheldResolved_.find(key);
       return it == unheldResolved_.end() ? nullptr : &it->second;
@@ -1780,13 +1786,8 @@ class SwTableImpl : public Base {
       EntryHandle* eh = entryHandle(key);
       std::optional<Entry>* current = nullptr;
       if (eh) {
-         auto& record = eh->resolvedRecord();
-         if (record.held) {
-            current = &record.value;
-         } else {
-            record.value = std::move(value);
-            record.held = true;
-         }
+         current = eh->resolvedValue();
+         if (!current) eh->resolvedValueIs(std::move(value));
       } else {
          // try_emplace leaves the value alone when the key is there already.
          auto [it, inserted] = unheldResolved_.try_emplace(key, std::move(value));
@@ -1814,10 +1815,8 @@ class SwTableImpl : public Base {
    // it (a register adopting what it read back at a restart). A key with a value keeps it.
    bool resolvedEntryAdopt(const Key& key, const Entry& value) {
       if (EntryHandle* eh = entryHandle(key)) {
-         auto& record = eh->resolvedRecord();
-         if (record.held) return false;
-         record.value = value;
-         record.held = true;
+         if (eh->resolvedValue()) return false;
+         eh->resolvedValueIs(value);
       } else if (!unheldResolved_.try_emplace(key, value).second) {
          return false;
       }
@@ -1827,10 +1826,8 @@ class SwTableImpl : public Base {
    }
    void resolvedEntryDel(const Key& key) {
       if (EntryHandle* eh = entryHandle(key)) {
-         auto& record = eh->resolvedRecord();
-         if (!record.held) return;
-         record.value.reset();
-         record.held = false;
+         if (!eh->resolvedValue()) return;
+         eh->resolvedValueDel();
       } else if (unheldResolved_.empty() || !unheldResolved_.erase(key)) {
          return;
       }
@@ -1840,11 +1837,7 @@ class SwTableImpl : public Base {
    }
    // Forgets every value without touching the hardware (table clean-up).
    void resolvedEntryDelAll() {
-      for (const Ptr<EntryHandle>& eh : handles_) {
-         auto& record = eh->resolvedRecord();
-         record.value.reset();
-         record.held = false;
-      }
+      for (const Ptr<EntryHandle>& eh : handles_) eh->resolvedValueDel();
       unheldResolved_.clear();
       resolvedCount_ = 0;
    }
@@ -1929,11 +1922,10 @@ class SwTableImpl : public Base {
 
    // A handle the table lets go of leaves its key's resolved value with the table.
    void keepResolvedOf(EntryHandle* eh) {
-      auto& record = eh->resolvedRecord();
-      if (!record.held) return;
-      unheldResolved_.insert_or_assign(eh->key(), std::move(record.value));
-      record.value.reset();
-      record.held = false;
+      std::optional<Entry>* value = eh->resolvedValue();
+      if (!value) return;
+      unheldResolved_.insert_or_assign(eh->key(), std::move(*value));
+      eh->resolvedValueDel();
    }
 
    Ptr<Util> util_;
