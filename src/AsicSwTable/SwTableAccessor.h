@@ -1335,6 +1335,32 @@ class SwTable::EntryIteratorConst {
 };
 
 // ---------------------------------------------------------------------------------------
+// What an iterator over (key, value) pairs made on the spot has besides its position: the
+// standard names, `it->first` and post-increment. `Derived` supplies *it, ++it and ==.
+template <typename Derived, typename Pair>
+class PairIteratorBase {
+ public:
+   using iterator_category = std::forward_iterator_tag;
+   using value_type = Pair;
+   using difference_type = std::ptrdiff_t;
+   using reference = Pair;
+   struct pointer {
+      Pair pair;
+      const Pair* operator->() const noexcept { return &pair; }
+   };
+
+   pointer operator->() const { return pointer{*self()}; }
+   Derived operator++(int) {
+      Derived before = self();
+      ++self();
+      return before;
+   }
+
+ private:
+   const Derived& self() const noexcept { return static_cast<const Derived&>(*this); }
+   Derived& self() noexcept { return static_cast<Derived&>(*this); }
+};
+
 // A table's handles as a collection keyed by their keys: each seen as (key, handle).
 // Read-only; valid until the table changes.
 template <typename Set, typename Key>
@@ -1343,30 +1369,15 @@ class EntryHandleView {
    using Handle = typename Set::value_type;
    using value_type = std::pair<const Key&, const Handle&>;
 
-   class const_iterator {
+   class const_iterator : public PairIteratorBase<const_iterator, value_type> {
     public:
-      using iterator_category = std::forward_iterator_tag;
-      using value_type = EntryHandleView::value_type;
-      using difference_type = std::ptrdiff_t;
-      using reference = value_type;
-      // `it->first` on a pair made on the spot.
-      struct pointer {
-         value_type pair;
-         const value_type* operator->() const noexcept { return &pair; }
-      };
-
+      using PairIteratorBase<const_iterator, value_type>::operator++;
       const_iterator() = default;
       explicit const_iterator(typename Set::const_iterator it) : it_(it) {}
       value_type operator*() const { return {(*it_)->key(), *it_}; }
-      pointer operator->() const { return pointer{**this}; }
       const_iterator& operator++() {
          ++it_;
          return *this;
-      }
-      const_iterator operator++(int) {
-         const_iterator before = *this;
-         ++*this;
-         return before;
       }
       friend bool operator==(const const_iterator& a, const const_iterator& b) {
          return a.it_ == b.it_;
@@ -1399,17 +1410,9 @@ class ResolvedEntryView {
    using Value = typename Map::mapped_type;
    using value_type = std::pair<const Key&, const Value&>;
 
-   class const_iterator {
+   class const_iterator : public PairIteratorBase<const_iterator, value_type> {
     public:
-      using iterator_category = std::forward_iterator_tag;
-      using value_type = ResolvedEntryView::value_type;
-      using difference_type = std::ptrdiff_t;
-      using reference = value_type;
-      struct pointer {
-         value_type pair;
-         const value_type* operator->() const noexcept { return &pair; }
-      };
-
+      using PairIteratorBase<const_iterator, value_type>::operator++;
       const_iterator() = default;
       const_iterator(typename Set::const_iterator held, typename Set::const_iterator heldEnd,
                      typename Map::const_iterator unheld)
@@ -1420,7 +1423,6 @@ class ResolvedEntryView {
          if (held_ != heldEnd_) return {(*held_)->key(), *(*held_)->resolvedValue()};
          return {unheld_->first, unheld_->second};
       }
-      pointer operator->() const { return pointer{**this}; }
       const_iterator& operator++() {
          if (held_ != heldEnd_) {
             ++held_;
@@ -1429,11 +1431,6 @@ class ResolvedEntryView {
             ++unheld_;
          }
          return *this;
-      }
-      const_iterator operator++(int) {
-         const_iterator before = *this;
-         ++*this;
-         return before;
       }
       friend bool operator==(const const_iterator& a, const const_iterator& b) {
          return a.held_ == b.held_ && a.unheld_ == b.unheld_;
