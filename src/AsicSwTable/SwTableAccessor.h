@@ -1713,8 +1713,7 @@ class SwTableImpl : public Base {
       if (it == handles_.end()) return;
       EntryHandle* eh = it->get();
       keepResolvedOf(eh);
-      // Detached from its slot first: the table's count is let go of quietly below.
-      const_cast<Ptr<EntryHandle>&>(*it).detach();
+      takeCount(*it);
       handles_.erase(it);
       lastFound_ = nullptr;
       this->indexHelperDel(eh);
@@ -1725,9 +1724,7 @@ class SwTableImpl : public Base {
       std::vector<EntryHandle*> handles;
       handles.reserve(handles_.size());
       for (const Ptr<EntryHandle>& held : handles_) keepResolvedOf(held.get());
-      for (const Ptr<EntryHandle>& held : handles_) {
-         handles.push_back(const_cast<Ptr<EntryHandle>&>(held).detach());
-      }
+      for (const Ptr<EntryHandle>& held : handles_) handles.push_back(takeCount(held));
       handles_.clear();
       lastFound_ = nullptr;
       this->indexHelperDelAll();
@@ -1917,6 +1914,11 @@ class SwTableImpl : public Base {
    Derived* self() noexcept { return static_cast<Derived*>(this); }
    const Derived* self() const noexcept { return static_cast<const Derived*>(this); }
 
+   // The table's count of a handle, out of the set's slot (about to be erased), so that the
+   // caller lets go of it quietly.
+   static EntryHandle* takeCount(const Ptr<EntryHandle>& slot) noexcept {
+      return const_cast<Ptr<EntryHandle>&>(slot).detach();
+   }
    // A handle the table lets go of leaves its key's resolved value with the table.
    void keepResolvedOf(EntryHandle* eh) {
       std::optional<Entry>* value = eh->resolvedValue();
